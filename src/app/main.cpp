@@ -1,0 +1,40 @@
+#include <glib-unix.h>
+#include <gtk/gtk.h>
+
+#include <csignal>
+
+#include "app/instance_prompt_gtk.h"
+#include "app/main_window_gtk.h"
+#include "app/server_selection.h"
+
+int main(int argc, char** argv) {
+  // A child's closed pipe must never kill the app.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  // The first argument, unless it is an option, may be the server address.
+  if (argc >= 2 && argv[1][0] != '-') gCmdlineServer = std::string(argv[1]);
+
+  g_set_prgname("ondrel");
+  gtk_init(&argc, &argv);
+
+  // (Start the MCP registry here, before any window exists, once it lands.)
+
+  auto quitOnSignal = +[](gpointer) -> gboolean {
+    ondrelQuit();
+    return G_SOURCE_CONTINUE;
+  };
+  g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
+  g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);
+
+  // (Apply an update scheduled for this start here, once self-update lands.)
+
+  const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
+  if (!server) return 0;
+
+  createMainWindow(*server);
+
+  // (Schedule the first automatic update check 3 s from now, once self-update lands.)
+
+  gtk_main();
+  return 0;
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+// Builds the main window (web view, hidden log panel, drawn buttons, hidden
+// menu bar), loads the address and shows it.
+void createMainWindow(const std::string& serverUrl);
+
+// The one way out: menu Quit, Ctrl+Q, the close button, the window
+// manager's close and SIGINT/SIGTERM all end here, so the quit hooks always
+// run before the main loop stops.
+void ondrelQuit();
+void addQuitHook(std::function<void()> hook);
+
+void reloadWebView();

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+// File order is kept; code that needs sorted keys sorts explicitly.
+using Json = nlohmann::ordered_json;
+
+// Parses without throwing; nullopt for anything that is not JSON.
+std::optional<Json> parseJson(std::string_view text);
+
+// Compact JSON text of a value for log lines; invalid UTF-8 is replaced
+// rather than thrown on.
+std::string describeJson(const Json& value);

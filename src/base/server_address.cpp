@@ -1,0 +1,90 @@
+#include "base/server_address.h"
+
+#include <glib.h>
+
+#include <algorithm>
+
+#include "build_config.h"
+
+namespace {
+
+std::string trim(const std::string& text) {
+  auto isSpace = [](unsigned char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; };
+  size_t begin = 0, end = text.size();
+  while (begin < end && isSpace(text[begin])) ++begin;
+  while (end > begin && isSpace(text[end - 1])) --end;
+  return text.substr(begin, end - begin);
+}
+
+std::string lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return g_ascii_tolower(c); });
+  return text;
+}
+
+struct UrlParts {
+  std::string scheme;
+  std::string host;
+};
+
+std::optional<UrlParts> splitUrl(const std::string& url) {
+  gchar* scheme = nullptr;
+  gchar* host = nullptr;
+  if (!g_uri_split(url.c_str(), G_URI_FLAGS_NON_DNS, &scheme, nullptr, &host, nullptr, nullptr, nullptr, nullptr,
+                   nullptr)) {
+    return std::nullopt;
+  }
+  UrlParts parts{scheme ? scheme : "", host ? host : ""};
+  g_free(scheme);
+  g_free(host);
+  return parts;
+}
+
+}  // namespace
+
+std::optional<std::string> ondrelExpandServerInput(const Json& value) {
+  if (!value.is_string()) return std::nullopt;
+  std::string text = trim(value.get<std::string>());
+  if (text.empty()) return text;
+  if (text.find_first_of(".:/\\?#") == std::string::npos) {
+    if (lower(text) == "localhost") return text;
+    return text + ".on." + ondrel::build::kServiceDomain;
+  }
+  return text;
+}
+
+std::optional<std::string> ondrelNormalizeServer(const Json& value) {
+  if (!value.is_string()) return std::nullopt;
+  std::string text = trim(value.get<std::string>());
+  if (text.empty()) return std::nullopt;
+  if (text.find("://") == std::string::npos) text = "https://" + text;
+  while (text.size() >= 2 && text.back() == '/') text.pop_back();
+  auto parts = splitUrl(text);
+  if (!parts || parts->host.empty()) return std::nullopt;
+  std::string scheme = lower(parts->scheme);
+  if (scheme != "http" && scheme != "https") return std::nullopt;
+  return text;
+}
+
+std::string ondrelRawHostOf(const std::string& url) {
+  auto parts = splitUrl(url);
+  return parts ? parts->host : std::string();
+}
+
+std::string ondrelSchemeOf(const std::string& url) {
+  auto parts = splitUrl(url);
+  return parts ? lower(parts->scheme) : std::string();
+}
+
+std::string ondrelServerHostOf(const Json& value) {
+  if (!value.is_string()) return {};
+  return lower(ondrelRawHostOf(value.get<std::string>()));
+}
+
+bool ondrelIsAllowedServerURL(const std::string& url) {
+  std::string host = ondrelServerHostOf(url);
+  if (host.empty()) return false;
+  const std::string domain = ondrel::build::kServiceDomain;
+  if (host == "localhost" || host == "127.0.0.1" || host == "::1" || host == domain) return true;
+  const std::string suffix = "." + domain;
+  return host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0;
+}

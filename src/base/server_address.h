@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/json.h"
+
+// What a server address is. Pure, thread-safe, silent.
+
+// A bare instance name becomes name.on.<service domain>; anything that looks
+// like a host or URL is returned trimmed. nullopt when the value is no string.
+std::optional<std::string> ondrelExpandServerInput(const Json& value);
+
+// The canonical http(s) URL text (as typed, minus trailing slashes), or
+// nullopt when it is no acceptable http/https address.
+std::optional<std::string> ondrelNormalizeServer(const Json& value);
+
+// The service domain, a host under it, or the local machine.
+bool ondrelIsAllowedServerURL(const std::string& url);
+
+// The lower-cased host, or "" when there is none.
+std::string ondrelServerHostOf(const Json& value);
+
+// The URL's host as written (no case folding), or "" when it has none.
+std::string ondrelRawHostOf(const std::string& url);
+
+// Lower-cased scheme, or "" when the text does not parse as a URL.
+std::string ondrelSchemeOf(const std::string& url);
