@@ -8,12 +8,24 @@
 
 namespace {
 
+// White space and line breaks in the Unicode sense: a pasted address often
+// carries a no-break space.
 std::string trim(const std::string& text) {
-  auto isSpace = [](unsigned char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; };
-  size_t begin = 0, end = text.size();
-  while (begin < end && isSpace(text[begin])) ++begin;
-  while (end > begin && isSpace(text[end - 1])) --end;
-  return text.substr(begin, end - begin);
+  const char* begin = text.c_str();
+  const char* end = begin + text.size();
+  while (begin < end) {
+    gunichar c = g_utf8_get_char_validated(begin, end - begin);
+    if (c == static_cast<gunichar>(-1) || c == static_cast<gunichar>(-2) || !g_unichar_isspace(c)) break;
+    begin = g_utf8_next_char(begin);
+  }
+  while (end > begin) {
+    const char* prev = g_utf8_find_prev_char(begin, end);
+    if (!prev) break;
+    gunichar c = g_utf8_get_char_validated(prev, end - prev);
+    if (c == static_cast<gunichar>(-1) || c == static_cast<gunichar>(-2) || !g_unichar_isspace(c)) break;
+    end = prev;
+  }
+  return std::string(begin, end);
 }
 
 std::string lower(std::string text) {
@@ -83,7 +95,7 @@ std::string ondrelServerHostOf(const Json& value) {
 bool ondrelIsAllowedServerURL(const std::string& url) {
   std::string host = ondrelServerHostOf(url);
   if (host.empty()) return false;
-  const std::string domain = ondrel::build::kServiceDomain;
+  const std::string domain = lower(ondrel::build::kServiceDomain);
   if (host == "localhost" || host == "127.0.0.1" || host == "::1" || host == domain) return true;
   const std::string suffix = "." + domain;
   return host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0;
