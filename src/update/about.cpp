@@ -1,0 +1,32 @@
+#include "update/about.h"
+
+#include "base/server_address.h"
+#include "base/settings.h"
+#include "update/manifest.h"
+#include "update/update_host.h"
+#include "update/version.h"
+
+namespace {
+
+constexpr const char* kTagline = "Your AI workspace, at home on your desktop.";
+
+std::string updateSource() {
+  if (!ondrelUpdatesEnabled()) return "disabled";
+  auto url = ondrelUpdateManifestURL();
+  if (!url || url->empty()) return "disabled";
+  return ondrelServerHostOf(*url);
+}
+
+}  // namespace
+
+std::string ondrelAboutText(const std::string& version, const std::string& build,
+                            const std::optional<std::string>& serverUrl) {
+  std::string host = serverUrl ? ondrelServerHostOf(*serverUrl) : std::string();
+  if (host.empty()) host = "—";
+  return std::string(kTagline) + "\n\n" + "Version " + ondrelVersionOrDefault(version) + " (build " + build +
+         ")\nInstance Server: " + host + "\nUpdate Source: " + updateSource();
+}
+
+void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
+  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl));
+}

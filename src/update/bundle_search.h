@@ -1,0 +1,15 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+// Finds the application bundle (an AppDir) in an unpacked archive: first
+// among the names directly in the folder, in listing order, one whose
+// usr/bin holds a visible entry; failing that, the first AppDir anywhere
+// below (skipping top-level "._" companions) that has a usr/bin folder.
+// A symbolic link never counts as a bundle. Returns the full path.
+std::optional<std::string> ondrelFindBundle(const std::string& stageDir);
+
+// The AppDir that holds an executable at <X>.AppDir/usr/bin/<name>, or
+// nullopt when the executable does not run from one.
+std::optional<std::string> ondrelBundleOfExecutable(const std::string& executablePath);

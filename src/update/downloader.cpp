@@ -1,0 +1,140 @@
+#include "update/downloader.h"
+
+#include <curl/curl.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "base/files.h"
+#include "update/http_get.h"
+
+namespace {
+
+constexpr long kTimeoutSeconds = 4 * 60 * 60;
+// A server that sends nothing for this long has gone away.
+constexpr long kStallSeconds = 60;
+constexpr size_t kFileBuffer = 1 << 20;
+
+std::string describeErrno(const std::string& what, const std::string& path, int err) {
+  return what + " “" + path + "”: " + g_strerror(err);
+}
+
+}  // namespace
+
+std::shared_ptr<OndrelDownloader> OndrelDownloader::startWithURL(const std::string& url, const std::string& dest,
+                                                                 Progress progress, Done done) {
+  std::shared_ptr<OndrelDownloader> downloader(new OndrelDownloader);
+  downloader->_dest = dest;
+  downloader->_done = std::move(done);
+  downloader->_progress = std::move(progress);
+  std::thread([downloader, url] { downloader->run(url); }).detach();
+  return downloader;
+}
+
+OndrelDownloader::~OndrelDownloader() {
+  if (_session) curl_easy_cleanup(_session);
+}
+
+size_t OndrelDownloader::write(char* data, size_t size, size_t count, void* user) {
+  auto* self = static_cast<OndrelDownloader*>(user);
+  size_t n = size * count;
+  size_t put = std::fwrite(data, 1, n, self->file_);
+  if (put != n) {
+    self->writeErrno_ = errno ? errno : EIO;
+    return put;
+  }
+  self->written_ += static_cast<int64_t>(n);
+  curl_off_t expected = -1;
+  curl_easy_getinfo(self->_session, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
+  self->didWriteData(self->written_, expected);
+  return n;
+}
+
+void OndrelDownloader::didWriteData(int64_t totalWritten, int64_t totalExpected) {
+  if (!_progress) return;
+  if (totalExpected < 1) {
+    _progress(0.0);
+  } else {
+    _progress(static_cast<double>(totalWritten) / static_cast<double>(totalExpected));
+  }
+}
+
+void OndrelDownloader::didFinishDownloadingTo(const std::string& tempPath) {
+  std::remove(_dest.c_str());
+  std::optional<std::string> error;
+  if (std::rename(tempPath.c_str(), _dest.c_str()) != 0) {
+    error = describeErrno("Could not move the download to", _dest, errno);
+    std::remove(tempPath.c_str());
+  }
+  if (_done) _done(error);
+}
+
+void OndrelDownloader::didCompleteWithError(const std::string& error) {
+  if (_done) _done(error);
+}
+
+void OndrelDownloader::run(const std::string& url) {
+  ondrelInitCurl();
+  // The partial file sits beside the destination, so the final move is a
+  // rename on one file system, never a copy of the whole archive.
+  std::string tempPath = parentDirectory(_dest) + "/.ondrel-download-XXXXXX";
+  int fd = mkstemp(tempPath.data());
+  if (fd < 0) {
+    didCompleteWithError(describeErrno("Could not create a file in", parentDirectory(_dest), errno));
+    return;
+  }
+  file_ = fdopen(fd, "wb");
+  if (!file_) {
+    int err = errno;
+    close(fd);
+    std::remove(tempPath.c_str());
+    didCompleteWithError(describeErrno("Could not write", tempPath, err));
+    return;
+  }
+  std::setvbuf(file_, nullptr, _IOFBF, kFileBuffer);
+
+  _session = curl_easy_init();
+  char errorText[CURL_ERROR_SIZE] = "";
+  curl_slist* headers = curl_slist_append(nullptr, "Cache-Control: no-cache");
+  curl_easy_setopt(_session, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(_session, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(_session, CURLOPT_MAXREDIRS, 16L);
+  curl_easy_setopt(_session, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(_session, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(_session, CURLOPT_TIMEOUT, kTimeoutSeconds);
+  curl_easy_setopt(_session, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(_session, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+  curl_easy_setopt(_session, CURLOPT_USERAGENT, kUpdaterUserAgent);
+  curl_easy_setopt(_session, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(_session, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(_session, CURLOPT_BUFFERSIZE, 512L * 1024L);
+  curl_easy_setopt(_session, CURLOPT_ERRORBUFFER, errorText);
+  curl_easy_setopt(_session, CURLOPT_WRITEFUNCTION, &OndrelDownloader::write);
+  curl_easy_setopt(_session, CURLOPT_WRITEDATA, this);
+
+  CURLcode result = _session ? curl_easy_perform(_session) : CURLE_FAILED_INIT;
+  curl_slist_free_all(headers);
+  int closeErrno = std::fclose(file_) == 0 ? 0 : errno;
+  file_ = nullptr;
+
+  std::optional<std::string> error;
+  if (writeErrno_) {
+    error = describeErrno("Could not write", tempPath, writeErrno_);
+  } else if (result != CURLE_OK) {
+    error = *errorText ? std::string(errorText) : std::string(curl_easy_strerror(result));
+  } else if (closeErrno) {
+    error = describeErrno("Could not write", tempPath, closeErrno);
+  }
+  if (error) {
+    std::remove(tempPath.c_str());
+    didCompleteWithError(*error);
+  } else {
+    didFinishDownloadingTo(tempPath);
+  }
+  curl_easy_cleanup(_session);
+  _session = nullptr;
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+// What the install step decided, before anything visible happens.
+struct InstallPlan {
+  std::string failure;        // the "Update Failed" text; empty when the swap can go ahead
+  std::string scriptPath;     // the swap script, written
+  std::string runningBundle;  // the AppDir being replaced
+};
+
+// The file work of an install: signature test, staging, unpacking, bundle
+// search, the swap script. Logs as it goes. Any thread.
+InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable);
+
+// The whole install step for a downloaded archive: the file work on the
+// calling (background) thread, then on the main thread either the failure
+// alert or the swap script's launch and the end of the process.
+void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable);
+
+// Texts of the install step's failure alerts.
+std::string ondrelNotAZipText(unsigned long long length);
+std::string ondrelNoBundleText(int unpackStatus);
+extern const char* const kNotInstalledText;

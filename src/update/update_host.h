@@ -1,0 +1,52 @@
+#pragma once
+
+#include <string>
+
+// What the updater needs from the rest of the program: its dialogs, the
+// progress window, the event loop and the end of the process. The GTK layer
+// installs the real one at start-up; tests install a fake. Every call is
+// made on the main thread.
+class UpdateHost {
+ public:
+  enum class Choice { UpdateNow, NextRestart, Later };
+
+  virtual ~UpdateHost() = default;
+
+  // The "Ondrel Update Available" alert; blocks until it is answered.
+  virtual Choice askToUpdate(const std::string& remote, const std::string& current) = 0;
+
+  // Shows the progress window (built once, reused after), with the bar
+  // indeterminate and the given label.
+  virtual void showProgress(const std::string& label) = 0;
+  // A fraction of 0 or less turns the bar indeterminate. Ignored while no
+  // progress window exists.
+  virtual void setProgress(double fraction) = 0;
+  virtual void hideProgress() = 0;
+
+  // The modal "Update Failed" alert with a single default button.
+  virtual void showFailure(const std::string& informativeText) = 0;
+
+  // The modal About alert.
+  virtual void showAbout(const std::string& informativeText) = 0;
+
+  virtual void runEventLoop() = 0;
+  virtual void stopEventLoop() = 0;
+
+  // Process-level steps; the defaults do the real thing.
+
+  // The path of the running executable.
+  virtual std::string runningExecutable();
+  // Starts /bin/sh with the script, detached from this process; false when
+  // it could not be started.
+  virtual bool launchSwapScript(const std::string& scriptPath);
+  // Ends the process at once: no quit hooks, no orderly shutdown.
+  virtual void exitProcess(int status);
+};
+
+// The installed host. Not owned; it must outlive every update.
+void setUpdateHost(UpdateHost* host);
+UpdateHost& updateHost();
+
+// Set only on the start-up path that applies a scheduled update: a failure
+// then stops the event loop so that start-up can go on.
+extern bool gUpdateIsDeferred;
