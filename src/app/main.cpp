@@ -12,6 +12,10 @@
 #include "bridge/web_view_delegate_gtk.h"
 #include "app/main_window_gtk.h"
 #include "app/server_selection.h"
+#include "base/main_thread.h"
+#include "update/pending_update.h"
+#include "update/update_check.h"
+#include "update/update_host_gtk.h"
 
 int main(int argc, char** argv) {
   // A child's closed pipe must never kill the app.
@@ -32,7 +36,10 @@ int main(int argc, char** argv) {
   g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
   g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);
 
-  // (Apply an update scheduled for this start here, once self-update lands.)
+  installGtkUpdateHost();
+  // Before any menu or window: a successful update ends the process here;
+  // a failed one comes back and the normal start goes on.
+  ondrelApplyScheduledUpdate();
 
   const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
   if (!server) return 0;
@@ -43,7 +50,7 @@ int main(int argc, char** argv) {
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
   showMainWindow(*server);
 
-  // (Schedule the first automatic update check 3 s from now, once self-update lands.)
+  runOnMainAfter(3.0, [] { ondrelCheckForUpdates(); });
 
   gtk_main();
   return 0;

@@ -5,7 +5,10 @@
 #include "app/draggable_web_view_gtk.h"
 #include "app/log_panel_gtk.h"
 #include "app/main_window_gtk.h"
+#include "app/server_selection.h"
 #include "app/ui_globals_gtk.h"
+#include "update/about.h"
+#include "update/update_check.h"
 
 namespace {
 
@@ -87,6 +90,10 @@ GtkWidget* createMenuBar() {
   GtkWidget* bar = gtk_menu_bar_new();
 
   GtkWidget* app = submenu(bar, "Ondrel");
+  item(app, "About Ondrel", 0, GdkModifierType(0), [] { ondrelShowAbout(ondrelServerURL()); });
+  separator(app);
+  item(app, "Check for Updates…", 0, GdkModifierType(0), ondrelCheckForUpdates);
+  separator(app);
   item(app, "Quit", GDK_KEY_q, GDK_CONTROL_MASK, ondrelQuit);
 
   GtkWidget* edit = submenu(bar, "Edit");

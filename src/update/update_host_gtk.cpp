@@ -1,0 +1,155 @@
+#include "update/update_host_gtk.h"
+
+#include <gtk/gtk.h>
+
+#include "update/update_host.h"
+
+namespace {
+
+// The progress window: built on first use, reused for every later update.
+GtkWidget* gUpdateProgressWindow = nullptr;
+GtkWidget* gUpdateProgressLabel = nullptr;
+GtkWidget* gUpdateProgressBar = nullptr;
+guint gPulseTimer = 0;
+
+constexpr int kWidth = 380;
+constexpr int kHeight = 96;
+
+void startPulsing() {
+  if (gPulseTimer) return;
+  gtk_progress_bar_pulse(GTK_PROGRESS_BAR(gUpdateProgressBar));
+  gPulseTimer = g_timeout_add(100, [](gpointer) -> gboolean {
+    gtk_progress_bar_pulse(GTK_PROGRESS_BAR(gUpdateProgressBar));
+    return G_SOURCE_CONTINUE;
+  }, nullptr);
+}
+
+void stopPulsing() {
+  if (gPulseTimer) g_source_remove(gPulseTimer);
+  gPulseTimer = 0;
+}
+
+void buildProgressWindow() {
+  GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  gtk_window_set_title(GTK_WINDOW(window), "Ondrel Update");
+  gtk_window_set_default_size(GTK_WINDOW(window), kWidth, kHeight);
+  gtk_window_set_resizable(GTK_WINDOW(window), FALSE);
+  gtk_window_set_deletable(GTK_WINDOW(window), FALSE);
+  gtk_window_set_type_hint(GTK_WINDOW(window), GDK_WINDOW_TYPE_HINT_DIALOG);
+  // The user cannot dismiss it: the update ends it.
+  g_signal_connect(window, "delete-event", G_CALLBACK(gtk_true), nullptr);
+
+  // Placed as on a bottom-left origin of 96 px: label at y 66 (18 high),
+  // bar at y 36 (16 high).
+  GtkWidget* content = gtk_fixed_new();
+  gtk_widget_set_size_request(content, kWidth, kHeight);
+  GtkWidget* label = gtk_label_new("");
+  gtk_label_set_xalign(GTK_LABEL(label), 0.0);
+  gtk_label_set_ellipsize(GTK_LABEL(label), PANGO_ELLIPSIZE_END);
+  gtk_widget_set_size_request(label, 340, 18);
+  gtk_fixed_put(GTK_FIXED(content), label, 20, kHeight - 66 - 18);
+  GtkWidget* bar = gtk_progress_bar_new();
+  gtk_progress_bar_set_pulse_step(GTK_PROGRESS_BAR(bar), 0.08);
+  gtk_widget_set_size_request(bar, 340, 16);
+  gtk_widget_set_valign(bar, GTK_ALIGN_CENTER);
+  gtk_fixed_put(GTK_FIXED(content), bar, 20, kHeight - 36 - 16);
+  gtk_container_add(GTK_CONTAINER(window), content);
+  gtk_widget_show_all(content);
+
+  gUpdateProgressWindow = window;
+  gUpdateProgressLabel = label;
+  gUpdateProgressBar = bar;
+}
+
+// The window title names the alert for the window list (and for tests that
+// look for it); the message text is the alert itself.
+GtkWidget* messageDialog(const char* title, const char* message, const std::string& informative) {
+  GtkWidget* dialog = gtk_message_dialog_new(nullptr, GTK_DIALOG_MODAL, GTK_MESSAGE_OTHER, GTK_BUTTONS_NONE, "%s",
+                                             message);
+  gtk_message_dialog_format_secondary_text(GTK_MESSAGE_DIALOG(dialog), "%s", informative.c_str());
+  gtk_window_set_title(GTK_WINDOW(dialog), title);
+  gtk_window_set_position(GTK_WINDOW(dialog), GTK_WIN_POS_CENTER);
+  gtk_window_set_keep_above(GTK_WINDOW(dialog), TRUE);
+  return dialog;
+}
+
+// Shows the dialog in front and waits for its answer. The default button
+// holds the focus, so Return picks it.
+int runDialog(GtkWidget* dialog, int defaultResponse) {
+  gtk_dialog_set_default_response(GTK_DIALOG(dialog), defaultResponse);
+  if (GtkWidget* button = gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), defaultResponse))
+    gtk_widget_grab_focus(button);
+  gtk_window_present(GTK_WINDOW(dialog));
+  int response = gtk_dialog_run(GTK_DIALOG(dialog));
+  gtk_widget_destroy(dialog);
+  return response;
+}
+
+class GtkUpdateHost final : public UpdateHost {
+ public:
+  Choice askToUpdate(const std::string& remote, const std::string& current) override {
+    GtkWidget* dialog = messageDialog(
+        "Ondrel Update Available", "Ondrel Update Available", "A new version of Ondrel (" + remote + ") is available. You are running " +
+                                       current + ".\n\nUpdate now, or update on your next restart?");
+    enum { kNow = 1, kNextRestart = 2, kLater = 3 };
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "Update Now", kNow);
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "Update on Next Restart", kNextRestart);
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "Later", kLater);
+    switch (runDialog(dialog, kNow)) {
+      case kNow: return Choice::UpdateNow;
+      case kNextRestart: return Choice::NextRestart;
+      default: return Choice::Later;
+    }
+  }
+
+  void showProgress(const std::string& label) override {
+    if (!gUpdateProgressWindow) buildProgressWindow();
+    gtk_label_set_text(GTK_LABEL(gUpdateProgressLabel), label.c_str());
+    gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(gUpdateProgressBar), 0.0);
+    startPulsing();
+    gtk_window_set_position(GTK_WINDOW(gUpdateProgressWindow), GTK_WIN_POS_CENTER);
+    gtk_widget_show(gUpdateProgressWindow);
+    gtk_window_present(GTK_WINDOW(gUpdateProgressWindow));
+  }
+
+  void setProgress(double fraction) override {
+    if (!gUpdateProgressBar) return;
+    if (fraction <= 0.0) {
+      startPulsing();
+      return;
+    }
+    stopPulsing();
+    gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(gUpdateProgressBar), std::min(fraction, 1.0));
+  }
+
+  void hideProgress() override {
+    if (!gUpdateProgressWindow) return;
+    stopPulsing();
+    gtk_widget_hide(gUpdateProgressWindow);
+  }
+
+  void showFailure(const std::string& informativeText) override {
+    GtkWidget* dialog = messageDialog("Update Failed", "Update Failed", informativeText);
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
+    runDialog(dialog, GTK_RESPONSE_OK);
+  }
+
+  void showAbout(const std::string& informativeText) override {
+    GtkWidget* dialog = messageDialog("About Ondrel", "Ondrel", informativeText);
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
+    runDialog(dialog, GTK_RESPONSE_OK);
+  }
+
+  void runEventLoop() override { gtk_main(); }
+
+  void stopEventLoop() override {
+    if (gtk_main_level() > 0) gtk_main_quit();
+  }
+};
+
+}  // namespace
+
+void installGtkUpdateHost() {
+  static GtkUpdateHost host;
+  setUpdateHost(&host);
+}
