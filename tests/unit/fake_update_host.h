@@ -1,0 +1,62 @@
+#pragma once
+
+// Records what the updater asks of the UI and of the process, and answers
+// the update alert with a preset choice.
+
+#include <glib.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "update/update_host.h"
+
+// Runs the main context until the condition holds or the time is up.
+inline bool spinUntil(const std::function<bool()>& done, double seconds = 20) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    if (!g_main_context_iteration(nullptr, FALSE)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+class FakeUpdateHost : public UpdateHost {
+ public:
+  Choice choice = Choice::Later;
+  std::string executable = "/nowhere/build/ondrel";
+
+  std::vector<std::string> asked, progressLabels, failures, abouts, launched;
+  std::vector<double> fractions;
+  int hides = 0, loopRuns = 0, loopStops = 0;
+  std::vector<int> exits;
+
+  FakeUpdateHost() { setUpdateHost(this); }
+  ~FakeUpdateHost() override { setUpdateHost(nullptr); }
+
+  Choice askToUpdate(const std::string& remote, const std::string& current) override {
+    asked.push_back(remote + " over " + current);
+    return choice;
+  }
+  void showProgress(const std::string& label) override { progressLabels.push_back(label); }
+  void setProgress(double fraction) override { fractions.push_back(fraction); }
+  void hideProgress() override { ++hides; }
+  void showFailure(const std::string& text) override { failures.push_back(text); }
+  void showAbout(const std::string& text) override { abouts.push_back(text); }
+  void runEventLoop() override {
+    ++loopRuns;
+    int stopsBefore = loopStops;
+    spinUntil([&] { return loopStops > stopsBefore || !exits.empty(); });
+  }
+  void stopEventLoop() override { ++loopStops; }
+  std::string runningExecutable() override { return executable; }
+  bool launchSwapScript(const std::string& path) override {
+    launched.push_back(path);
+    return true;
+  }
+  void exitProcess(int status) override { exits.push_back(status); }
+
+  bool finished() const { return !failures.empty() || !exits.empty(); }
+};

@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "home_override.h"
+#include "log_capture.h"
+#include "test_files.h"
+#include "update/bundle_search.h"
+#include "update/install.h"
+#include "update/safe_extract.h"
+#include "update/swap_script.h"
+#include "update/update_paths.h"
+#include "update/zip_signature.h"
+#include "zip_builder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Every file below `root`, as relative paths (links not followed).
+std::vector<std::string> treeOf(const fs::path& root) {
+  std::vector<std::string> names;
+  for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it)
+    names.push_back(it->path().lexically_relative(root).generic_string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(ZipSignature, PkWithThreeFiveOrSevenPasses) {
+  using namespace std::string_literals;
+  EXPECT_TRUE(ondrelHasZipSignature("PK\x03\x04"s, 4));
+  EXPECT_TRUE(ondrelHasZipSignature("PK\x05\x06"s, 22));
+  EXPECT_TRUE(ondrelHasZipSignature("PK\x07\xff"s, 9));
+  EXPECT_TRUE(ondrelHasZipSignature("PK\x03\x00"s, 4)) << "the fourth byte is not examined";
+  EXPECT_FALSE(ondrelHasZipSignature("PK\x01\x02"s, 4));
+  EXPECT_FALSE(ondrelHasZipSignature("PK\x04\x03"s, 4));
+  EXPECT_FALSE(ondrelHasZipSignature("pk\x03\x04"s, 4));
+  EXPECT_FALSE(ondrelHasZipSignature("PK\x03"s, 3)) << "shorter than 4 bytes";
+  EXPECT_FALSE(ondrelHasZipSignature("<!DOCTYPE html>"s, 15));
+  EXPECT_FALSE(ondrelHasZipSignature(""s, 0));
+}
+
+TEST(ZipSignature, HeadOfAFileGivesItsLengthAndFirstBytes) {
+  TempDir dir;
+  writeText(dir.path() / "a.zip", std::string("PK\x03\x04rest", 8));
+  auto head = ondrelReadArchiveHead((dir.path() / "a.zip").string());
+  EXPECT_EQ(head.length, 8u);
+  EXPECT_EQ(head.head, std::string("PK\x03\x04", 4));
+  writeText(dir.path() / "short", "PK");
+  EXPECT_EQ(ondrelReadArchiveHead((dir.path() / "short").string()).length, 2u);
+  EXPECT_EQ(ondrelReadArchiveHead((dir.path() / "missing").string()).length, 0u);
+  EXPECT_EQ(ondrelReadArchiveHead(dir.path().string()).length, 0u) << "a folder reads as nothing";
+}
+
+TEST(BundleSearch, FirstPassTakesATopLevelAppDirWithAVisibleBinary) {
+  TempDir stage;
+  fs::create_directories(stage.path() / "Other.txt");
+  writeText(stage.path() / "Ondrel.AppDir/usr/bin/ondrel", "x");
+  EXPECT_EQ(ondrelFindBundle(stage.path().string()), (stage.path() / "Ondrel.AppDir").string());
+  // The suffix is matched without regard to case.
+  TempDir upper;
+  writeText(upper.path() / "ONDREL.APPDIR/usr/bin/ondrel", "x");
+  EXPECT_EQ(ondrelFindBundle(upper.path().string()), (upper.path() / "ONDREL.APPDIR").string());
+}
+
+TEST(BundleSearch, SecondPassFindsNestedBundlesAndHiddenOnlyBinaries) {
+  TempDir nested;
+  writeText(nested.path() / "release/Ondrel.AppDir/usr/bin/ondrel", "x");
+  EXPECT_EQ(ondrelFindBundle(nested.path().string()), (nested.path() / "release/Ondrel.AppDir").string());
+
+  // Only hidden entries in usr/bin: the first pass passes it over, the
+  // second (which asks only for the folder) still takes it.
+  TempDir hidden;
+  writeText(hidden.path() / "Ondrel.AppDir/usr/bin/.keep", "");
+  EXPECT_EQ(ondrelFindBundle(hidden.path().string()), (hidden.path() / "Ondrel.AppDir").string());
+
+  TempDir empty;
+  fs::create_directories(empty.path() / "Ondrel.AppDir/usr/bin");
+  EXPECT_EQ(ondrelFindBundle(empty.path().string()), (empty.path() / "Ondrel.AppDir").string());
+}
+
+TEST(BundleSearch, CompanionsLinksAndLookalikesAreNoBundles) {
+  TempDir stage;
+  writeText(stage.path() / "._Ondrel.AppDir/usr/bin/.hidden", "x");   // a companion, seen by the second pass only
+  writeText(stage.path() / "Ondrel.AppDir.zip", "x");                  // a file, wrong suffix
+  writeText(stage.path() / "Fake.AppDir", "not a folder");
+  writeText(stage.path() / "NoBin.AppDir/usr/lib/x", "x");
+  writeText(stage.path() / "outside/usr/bin/ondrel", "x");
+  fs::create_directory_symlink(stage.path() / "outside", stage.path() / "Link.AppDir");
+  EXPECT_EQ(ondrelFindBundle(stage.path().string()), std::nullopt);
+  EXPECT_EQ(ondrelFindBundle((stage.path() / "missing").string()), std::nullopt);
+}
+
+TEST(BundleSearch, RunningBundleIsTheAppDirAroundUsrBin) {
+  EXPECT_EQ(ondrelBundleOfExecutable("/home/u/Apps/Ondrel.AppDir/usr/bin/ondrel"), "/home/u/Apps/Ondrel.AppDir");
+  EXPECT_EQ(ondrelBundleOfExecutable("/opt/x.appdir/usr/bin/ondrel"), "/opt/x.appdir");
+  EXPECT_EQ(ondrelBundleOfExecutable("/work/build/ondrel"), std::nullopt);
+  EXPECT_EQ(ondrelBundleOfExecutable("/usr/bin/ondrel"), std::nullopt);
+  EXPECT_EQ(ondrelBundleOfExecutable("/x/Ondrel.AppDir/bin/ondrel"), std::nullopt);
+  EXPECT_EQ(ondrelBundleOfExecutable(""), std::nullopt);
+}
+
+TEST(SwapScript, TextIsFixed) {
+  EXPECT_EQ(ondrelSwapScriptText("/a/Ondrel.AppDir", "/s/stage/Ondrel.AppDir", "/s/install.log"),
+            "#!/bin/sh\n"
+            "sleep 1\n"
+            "APP='/a/Ondrel.AppDir'\n"
+            "NEW='/s/stage/Ondrel.AppDir'\n"
+            "BAK=\"$APP.ondrel.bak\"\n"
+            "{\n"
+            "  rm -rf \"$BAK\"\n"
+            "  [ -d \"$APP\" ] && mv \"$APP\" \"$BAK\"\n"
+            "  mv \"$NEW\" \"$APP\"\n"
+            "  rm -rf \"$BAK\"\n"
+            "  setsid \"$APP/AppRun\" </dev/null >/dev/null 2>&1 &\n"
+            "  exit 0\n"
+            "} >>\"/s/install.log\" 2>&1 || {\n"
+            "  [ -d \"$BAK\" ] && [ ! -d \"$APP\" ] && mv \"$BAK\" \"$APP\"\n"
+            "}\n");
+}
+
+TEST(SwapScript, SwapsTheBundlesAndStartsTheNewOne) {
+  TempDir dir;
+  const fs::path app = dir.path() / "apps/Ondrel.AppDir", next = dir.path() / "stage/Ondrel.AppDir";
+  const fs::path marker = dir.path() / "started", log = dir.path() / "install.log";
+  writeText(app / "usr/bin/ondrel", "old");
+  writeText(next / "usr/bin/ondrel", "new");
+  writeText(next / "AppRun", "#!/bin/sh\necho \"$0\" > '" + marker.string() + "'\n");
+  fs::permissions(next / "AppRun", fs::perms::owner_all);
+  writeText(log, "earlier\n");
+  writeText(dir.path() / "swap.sh", ondrelSwapScriptText(app, next, log));
+
+  ASSERT_EQ(std::system(("/bin/sh '" + (dir.path() / "swap.sh").string() + "'").c_str()), 0);
+  for (int i = 0; i < 200 && !fs::exists(marker); ++i) usleep(10000);  // AppRun runs in the background
+  EXPECT_EQ(readText(app / "usr/bin/ondrel"), "new");
+  EXPECT_FALSE(fs::exists(next));
+  EXPECT_FALSE(fs::exists(dir.path() / "apps/Ondrel.AppDir.ondrel.bak"));
+  EXPECT_EQ(treeOf(dir.path() / "apps"), (std::vector<std::string>{"Ondrel.AppDir", "Ondrel.AppDir/AppRun",
+                                                                    "Ondrel.AppDir/usr", "Ondrel.AppDir/usr/bin",
+                                                                    "Ondrel.AppDir/usr/bin/ondrel"}));
+  EXPECT_EQ(readText(marker), (app / "AppRun").string() + "\n");
+  EXPECT_EQ(readText(log), "earlier\n") << "the log is appended to, never truncated";
+}
+
+// Extraction must keep every write inside the staging folder, whatever
+// names and links the archive carries.
+class SafeExtractTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stage_ = dir_.path() / "updates/stage";
+    fs::create_directories(stage_);
+    fs::create_directories(dir_.path() / "outside");
+  }
+  ExtractResult extract(const std::vector<ZipEntry>& entries) {
+    const std::string zip = (dir_.path() / "a.zip").string();
+    EXPECT_TRUE(writeZip(zip, entries));
+    return ondrelExtractArchive(zip, stage_.string());
+  }
+  std::vector<std::string> outsideTree() { return treeOf(dir_.path() / "outside"); }
+
+  TempDir dir_;
+  fs::path stage_;
+};
+
+TEST_F(SafeExtractTest, UnpacksFilesFoldersLinksAndExecutableBits) {
+  auto result = extract(appDirEntries("Ondrel.AppDir"));
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(result.output, "(no output)");
+  EXPECT_EQ(readText(stage_ / "Ondrel.AppDir/usr/bin/ondrel"), "\x7f" "ELF");
+  EXPECT_TRUE(access((stage_ / "Ondrel.AppDir/AppRun").c_str(), X_OK) == 0);
+  EXPECT_EQ(fs::read_symlink(stage_ / "Ondrel.AppDir/.DirIcon"), "ondrel.svg");
+}
+
+TEST_F(SafeExtractTest, EntriesThatClimbOutAreRefused) {
+  const std::string outside = (dir_.path() / "outside").string();
+  const std::vector<std::vector<ZipEntry>> hostile = {
+      {{"ok.txt", ZipEntry::File, "x"}, {"../../outside/dotdot.txt", ZipEntry::File, "evil"}},
+      {{"a/../../../outside/mid.txt", ZipEntry::File, "evil"}},
+      {{outside + "/absolute.txt", ZipEntry::File, "evil"}},
+      {{"link", ZipEntry::Symlink, outside}, {"link/through.txt", ZipEntry::File, "evil"}},
+      {{"rel", ZipEntry::Symlink, "../../outside"}, {"rel/through.txt", ZipEntry::File, "evil"}},
+      {{"d/", ZipEntry::Dir, ""}, {"d/up", ZipEntry::Symlink, "../../../outside"}, {"d/up/deep/x.txt", ZipEntry::File, "e"}},
+  };
+  for (const auto& entries : hostile) {
+    fs::remove_all(stage_);
+    fs::create_directories(stage_);
+    auto result = extract(entries);
+    EXPECT_EQ(result.status, 1) << entries.back().name;
+    EXPECT_NE(result.output, "(no output)");
+    EXPECT_TRUE(outsideTree().empty()) << entries.back().name << ": " << result.output;
+  }
+  EXPECT_TRUE(fs::exists(dir_.path() / "outside")) << "nothing outside was removed either";
+}
+
+TEST_F(SafeExtractTest, ALinkReplacedByAFileWritesTheFileInside) {
+  auto result = extract({{"x", ZipEntry::Symlink, (dir_.path() / "outside/target").string()},
+                         {"x", ZipEntry::File, "inside"}});
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_TRUE(outsideTree().empty());
+  EXPECT_EQ(readText(stage_ / "x"), "inside");
+}
+
+TEST_F(SafeExtractTest, GarbageIsAnErrorNotACrash) {
+  writeText(dir_.path() / "bad.zip", std::string("PK\x03\x04", 4) + std::string(300, '\x17'));
+  auto result = ondrelExtractArchive((dir_.path() / "bad.zip").string(), stage_.string());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_FALSE(result.output.empty());
+  EXPECT_EQ(ondrelExtractArchive((dir_.path() / "none.zip").string(), stage_.string()).status, 1);
+}
+
+// The file work of an install, end to end on disk, with the log it leaves.
+class PrepareInstallTest : public ::testing::Test {
+ protected:
+  void SetUp() override { LogCapture::instance().clear(); }
+  std::string archive(const std::vector<ZipEntry>& entries) {
+    std::string path = (home_.path() / "Ondrel-2.0-x86_64.zip").string();
+    EXPECT_TRUE(writeZip(path, entries));
+    return path;
+  }
+  std::vector<std::string> updateLines() {
+    std::vector<std::string> out;
+    for (auto& l : LogCapture::instance().lines())
+      if (l.rfind("[Update]", 0) == 0) out.push_back(l);
+    return out;
+  }
+  HomeOverride home_;
+  const std::string exe_ = "/home/u/Apps/Ondrel.AppDir/usr/bin/ondrel";
+};
+
+TEST_F(PrepareInstallTest, ErrorPageIsNotAZip) {
+  std::string page = (home_.path() / "Ondrel.zip").string();
+  writeText(page, "<html>404 Not Found</html>");
+  auto plan = ondrelPrepareInstall(page, exe_);
+  EXPECT_EQ(plan.failure, ondrelNotAZipText(26));
+  EXPECT_NE(plan.failure.find("The downloaded file (26 bytes) is not a valid zip archive."), std::string::npos);
+  EXPECT_EQ(updateLines(), (std::vector<std::string>{"[Update] verify Ondrel.zip (26 bytes, magic NOT A ZIP)"}));
+  EXPECT_FALSE(fs::exists(ondrelStageDir())) << "nothing is unpacked";
+}
+
+TEST_F(PrepareInstallTest, ArchiveWithoutBundleFailsAfterUnpacking) {
+  auto plan = ondrelPrepareInstall(archive({{"README", ZipEntry::File, "hi"}}), exe_);
+  EXPECT_EQ(plan.failure, ondrelNoBundleText(0));
+  auto lines = updateLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "[Update] unpack exited 0\n(no output)");
+  EXPECT_TRUE(fs::exists(fs::path(ondrelStageDir()) / "README")) << "the staging folder is left as it is";
+}
+
+TEST_F(PrepareInstallTest, StagingIsEmptiedFirstAndAHostileArchiveFails) {
+  writeText(fs::path(ondrelStageDir()) / "Old.AppDir/usr/bin/ondrel", "stale");
+  auto entries = appDirEntries("Ondrel.AppDir");
+  entries.push_back({"../../escape.txt", ZipEntry::File, "evil"});
+  auto plan = ondrelPrepareInstall(archive(entries), exe_);
+  EXPECT_EQ(plan.failure, ondrelNoBundleText(1));
+  EXPECT_FALSE(fs::exists(fs::path(ondrelStageDir()) / "Old.AppDir"));
+  EXPECT_FALSE(fs::exists(fs::path(ondrelUpdatesDir()) / "escape.txt"));
+  EXPECT_FALSE(fs::exists(home_.dataDir() / "escape.txt"));
+  EXPECT_EQ(updateLines()[1].rfind("[Update] unpack exited 1\n", 0), 0u);
+}
+
+TEST_F(PrepareInstallTest, ABuildOutsideAnAppDirCannotReplaceItself) {
+  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), "/work/build/ondrel");
+  EXPECT_EQ(plan.failure, kNotInstalledText);
+  EXPECT_FALSE(fs::exists(ondrelSwapScriptPath()));
+}
+
+TEST_F(PrepareInstallTest, GoodArchiveWritesTheSwapScript) {
+  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), exe_);
+  ASSERT_EQ(plan.failure, "");
+  const std::string bundle = ondrelStageDir() + "/Ondrel.AppDir";
+  EXPECT_EQ(plan.runningBundle, "/home/u/Apps/Ondrel.AppDir");
+  EXPECT_EQ(plan.scriptPath, ondrelSwapScriptPath());
+  EXPECT_EQ(readText(plan.scriptPath), ondrelSwapScriptText(plan.runningBundle, bundle, ondrelInstallLogPath()));
+  EXPECT_EQ(updateLines(), (std::vector<std::string>{
+                               "[Update] verify Ondrel-2.0-x86_64.zip (" +
+                                   std::to_string(fs::file_size(home_.path() / "Ondrel-2.0-x86_64.zip")) +
+                                   " bytes, magic zip ✓)",
+                               "[Update] unpack exited 0\n(no output)",
+                               "[Update] extracted bundle at " + bundle,
+                           }));
+}
+
+}  // namespace

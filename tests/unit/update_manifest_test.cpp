@@ -1,0 +1,154 @@
+#include "update/manifest.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "build_config.h"
+#include "home_override.h"
+#include "log_capture.h"
+#include "update/version.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+TEST(UpdateVersion, ComparesComponentsNumerically) {
+  struct Case {
+    const char* a;
+    const char* b;
+    int order;
+  };
+  const Case cases[] = {
+      {"1.9", "1.10", -1},       {"1.10", "1.9", 1},         {"1.2", "1.2.0", 0},     {"1.2.0", "1.2", 0},
+      {"1.2.0", "1.2.1", -1},    {"2.0", "2.0-beta", -1},    {"2.0-beta", "2.0", 1},  {"1.007", "1.7", 0},
+      {"0.0.0", "0.0.1", -1},    {"1..2", "1.0.2", -1},      {"", "0", -1},           {"", "0.0.1", -1},
+      {"1.2a", "1.2b", -1},      {"1.2B", "1.2a", -1},       {"1.2", "1.2a", -1},     {"10", "9", 1},
+      {"1.99999999999999999999", "1.100000000000000000000", -1},
+      {"3.0.0", "2.99.99", 1},   {"1.0.0.0.1", "1.0", 1},
+  };
+  for (const auto& c : cases) {
+    int order = ondrelCompareVersions(c.a, c.b);
+    EXPECT_EQ((order > 0) - (order < 0), c.order) << c.a << " vs " << c.b;
+  }
+}
+
+TEST(UpdateVersion, MissingVersionReadsAsZero) {
+  EXPECT_EQ(ondrelVersionOrDefault(""), "0.0.0");
+  EXPECT_EQ(ondrelVersionOrDefault("1.4"), "1.4");
+  EXPECT_LT(ondrelCompareVersions(ondrelVersionOrDefault(""), "0.0.1"), 0);
+}
+
+TEST(UpdateManifest, LinesSplitAtEveryBreakAndAreTrimmed) {
+  EXPECT_EQ(ondrelManifestLines("  1.10\r\n\nOndrel-1.10.zip\n"), (Lines{"1.10", "Ondrel-1.10.zip"}));
+  EXPECT_EQ(ondrelManifestLines("1.2\rA.zip\x0b" "extra"), (Lines{"1.2", "A.zip", "extra"}));
+  EXPECT_EQ(ondrelManifestLines("1.2\u2028a.zip\u2029b\u0085c\fd"), (Lines{"1.2", "a.zip", "b", "c", "d"}));
+  EXPECT_EQ(ondrelManifestLines("\u00a0\t1.3\u3000\n  \n\t\n"), (Lines{"1.3"}));
+  EXPECT_EQ(ondrelManifestLines("a b\n"), (Lines{"a b"})) << "inner blanks stay";
+  EXPECT_TRUE(ondrelManifestLines("").empty());
+  EXPECT_TRUE(ondrelManifestLines(" \r\n \n").empty());
+  EXPECT_TRUE(ondrelManifestLines("1.2\n\xff\xfe.zip\n").empty()) << "not UTF-8 counts as empty";
+}
+
+TEST(UpdateManifest, DigitTestAcceptsAnyDecimalDigit) {
+  EXPECT_TRUE(ondrelContainsDecimalDigit("1"));
+  EXPECT_TRUE(ondrelContainsDecimalDigit("v-next-2"));
+  EXPECT_TRUE(ondrelContainsDecimalDigit("\u0663"));  // Arabic-Indic three
+  EXPECT_FALSE(ondrelContainsDecimalDigit("latest"));
+  EXPECT_FALSE(ondrelContainsDecimalDigit("\u2167"));  // Roman numeral: a number, no digit
+  EXPECT_FALSE(ondrelContainsDecimalDigit(""));
+}
+
+TEST(UpdateManifest, ZipUrlReplacesTheLastPathComponent) {
+  EXPECT_EQ(ondrelZipURL("https://api.x/releases/linux/latest.txt", "Ondrel-2.0-x86_64.zip"),
+            "https://api.x/releases/linux/Ondrel-2.0-x86_64.zip");
+  EXPECT_EQ(ondrelZipURL("http://127.0.0.1:8080/x/latest.txt", "a.zip"), "http://127.0.0.1:8080/x/a.zip");
+  EXPECT_EQ(ondrelZipURL("https://h/latest.txt", "a.zip"), "https://h/a.zip");
+  EXPECT_EQ(ondrelZipURL("https://h", "a.zip"), "https://h/a.zip");
+  EXPECT_EQ(ondrelZipURL("https://h/dir/", "a.zip"), "https://h/a.zip") << "the last component is dir";
+  EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt?channel=beta", "a.zip"), "https://h/m/a.zip?channel=beta");
+  EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt", "/a.zip"), "https://h/m/a.zip") << "one slash between";
+  EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt", "sub/a b#1.zip"), "https://h/m/sub/a%20b%231.zip");
+}
+
+class ManifestUrlTest : public ::testing::Test {
+ protected:
+  HomeOverride home_;
+};
+
+TEST_F(ManifestUrlTest, FormedFromUpdateUrlThenBaseUrlThenBuiltInBase) {
+  const std::string builtIn = std::string(ondrel::build::kUpdateBaseUrl) + "/releases/linux/latest.txt";
+  EXPECT_EQ(ondrelUpdateManifestURL(), builtIn) << "no settings file";
+
+  struct Case {
+    const char* config;
+    std::optional<std::string> url;
+  };
+  const Case cases[] = {
+      {R"({"updateUrl": "http://127.0.0.1:9/feed/latest.txt/"})", "http://127.0.0.1:9/feed/latest.txt"},
+      {R"({"updateUrl": "updates.example.org/m.txt", "updateBaseUrl": "https://b"})", "https://updates.example.org/m.txt"},
+      {R"({"updateUrl": "ftp://x/latest.txt"})", std::nullopt},
+      {R"({"updateUrl": "", "updateBaseUrl": "https://b.example///"})", "https://b.example/releases/linux/latest.txt"},
+      {R"({"updateUrl": 42, "updateBaseUrl": "b.example:8443"})", "https://b.example:8443/releases/linux/latest.txt"},
+      {R"({"updateBaseUrl": "ftp://b.example"})", std::nullopt},
+      {R"({"updateBaseUrl": ""})", builtIn},
+      {R"({"updateBaseUrl": false})", builtIn},
+  };
+  for (const auto& c : cases) {
+    home_.writeConfig(c.config);
+    EXPECT_EQ(ondrelUpdateManifestURL(), c.url) << c.config;
+  }
+}
+
+// The verdict on a manifest answer is only visible in the log: check the
+// exact lines.
+class ManifestVerdictTest : public ::testing::Test {
+ protected:
+  void SetUp() override { LogCapture::instance().clear(); }
+  std::optional<UpdateOffer> judge(long status, const std::string& body, const std::string& current,
+                                   bool ok = true) {
+    return ondrelEvaluateManifest("http://h/x/latest.txt", ok, status, body, current);
+  }
+  std::vector<std::string> lines() { return LogCapture::instance().lines(); }
+};
+
+TEST_F(ManifestVerdictTest, NewerVersionIsOffered) {
+  auto offer = judge(200, "  1.10\r\n\n Ondrel-1.10-x86_64.zip \n", "1.9");
+  ASSERT_TRUE(offer);
+  EXPECT_EQ(offer->remote, "1.10");
+  EXPECT_EQ(offer->current, "1.9");
+  EXPECT_EQ(offer->zipUrl, "http://h/x/Ondrel-1.10-x86_64.zip");
+  EXPECT_EQ(lines(), (Lines{"[Update] current 1.9 / remote 1.10"}));
+}
+
+TEST_F(ManifestVerdictTest, EveryRefusalIsOneLogLine) {
+  struct Case {
+    long status;
+    bool ok;
+    const char* body;
+    const char* current;
+    Lines expected;
+  };
+  const Case cases[] = {
+      {404, true, "2.0\na.zip", "1.0", {"[Update] manifest unavailable (HTTP 404) — skipping check"}},
+      {304, true, "", "1.0", {"[Update] manifest unavailable (HTTP 304) — skipping check"}},
+      {-1, false, "", "1.0", {"[Update] manifest unavailable (HTTP -1) — skipping check"}},
+      {200, false, "2.0\na.zip", "1.0", {"[Update] manifest unavailable (HTTP 200) — skipping check"}},
+      {200, true, " \n\r\n", "1.0", {"[Update] manifest empty"}},
+      {200, true, "2.0\n\xc3\x28", "1.0", {"[Update] manifest empty"}},
+      {200, true, "latest\na.zip", "1.0", {"[Update] manifest does not look like a version (latest) — skipping"}},
+      {200, true, "1.2.0\na.zip", "1.2", {"[Update] current 1.2 / remote 1.2.0", "[Update] already up to date"}},
+      {200, true, "1.0\n", "2.0", {"[Update] current 2.0 / remote 1.0", "[Update] already up to date"}},
+      {200, true, "1.0", "1.0", {"[Update] current 1.0 / remote 1.0", "[Update] already up to date"}},
+      {200, true, "2.0-beta", "2.0",
+       {"[Update] current 2.0 / remote 2.0-beta", "[Update] manifest missing the zip filename on line 2"}},
+  };
+  for (const auto& c : cases) {
+    LogCapture::instance().clear();
+    EXPECT_FALSE(judge(c.status, c.body, c.current, c.ok)) << c.body;
+    EXPECT_EQ(lines(), c.expected) << c.body;
+  }
+}
+
+}  // namespace
