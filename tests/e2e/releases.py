@@ -1,0 +1,218 @@
+"""Release archives, an update server and screen reading for the updater tests.
+
+Releases are made by packaging/make-release, the script that makes real
+releases, into one CMake build folder that is kept between runs (only the
+files that see the version are recompiled for the second version).
+"""
+
+from __future__ import annotations
+
+import hashlib
+import http.server
+import os
+import shutil
+import socketserver
+import subprocess
+import tempfile
+import threading
+import time
+import zipfile
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from PIL import Image
+
+from harness import SERVICE_DOMAIN, XWindow, descendants
+
+ROOT = Path(__file__).resolve().parents[2]
+MAKE_RELEASE = ROOT / "packaging" / "make-release"
+
+
+@dataclass
+class Release:
+    version: str
+    build: str
+    folder: Path
+
+    @property
+    def zip_name(self) -> str:
+        return f"Ondrel-{self.version}-x86_64.zip"
+
+    @property
+    def zip_path(self) -> Path:
+        return self.folder / self.zip_name
+
+    @property
+    def manifest(self) -> bytes:
+        return (self.folder / "latest.txt").read_bytes()
+
+    @property
+    def binary(self) -> bytes:
+        return (self.folder / "Ondrel.AppDir" / "usr" / "bin" / "ondrel").read_bytes()
+
+    def install(self, apps: Path) -> Path:
+        """Unpacks the release zip into apps/ as a user would; returns the AppDir."""
+        apps.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["unzip", "-q", str(self.zip_path), "-d", str(apps)], check=True)
+        return apps / "Ondrel.AppDir"
+
+
+def release_build_dir() -> Path:
+    configured = os.environ.get("ONDREL_RELEASE_BUILD_DIR")
+    if configured:
+        return Path(configured)
+    tag = hashlib.sha1(str(ROOT).encode()).hexdigest()[:10]
+    return Path(tempfile.gettempdir()) / f"ondrel-release-build-{os.getuid()}-{tag}"
+
+
+def make_release(version: str, build: str, out: Path) -> Release:
+    result = subprocess.run(
+        [str(MAKE_RELEASE), version, build, "--out", str(out), "--build-dir", str(release_build_dir()),
+         f"-DONDREL_SERVICE_DOMAIN={SERVICE_DOMAIN}"],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env={**os.environ, "JOBS": "2"})
+    if result.returncode != 0:
+        raise RuntimeError(f"make-release {version} failed:\n{result.stdout[-4000:]}")
+    return Release(version, build, out)
+
+
+# --------------------------------------------------------------------------
+# Hand-made archives
+
+
+def symlink_info(name: str) -> zipfile.ZipInfo:
+    info = zipfile.ZipInfo(name)
+    info.create_system = 3
+    info.external_attr = (0o120777 << 16)
+    return info
+
+
+def write_zip(path: Path, entries: list[tuple[zipfile.ZipInfo | str, bytes | str]]) -> Path:
+    with zipfile.ZipFile(path, "w") as z:
+        for name, data in entries:
+            z.writestr(name, data)
+    return path
+
+
+def appdir_entries(release: Release) -> list[tuple[str, bytes]]:
+    """The release's own AppDir as zip entries (a bundle that would install)."""
+    out = []
+    with zipfile.ZipFile(release.zip_path) as z:
+        for info in z.infolist():
+            out.append((info, z.read(info)))
+    return out
+
+
+# --------------------------------------------------------------------------
+# The update service
+
+
+@dataclass
+class Served:
+    body: bytes
+    status: int = 200
+    send_length: bool = True
+    chunks: int = 1         # the body goes out in this many pieces ...
+    pause: float = 0.0      # ... with this pause before each
+    content_type: str = ""  # by default from the path's suffix
+
+
+CONTENT_TYPES = {".html": "text/html; charset=utf-8", ".txt": "text/plain; charset=utf-8", ".zip": "application/zip"}
+
+
+class UpdateServer:
+    """Serves manifests and archives on 127.0.0.1, optionally slowly or without a length."""
+
+    def __init__(self):
+        self.files: dict[str, Served] = {}
+        self.requests: list[tuple[str, dict]] = []
+        server = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def log_message(self, *args):
+                pass
+
+            def do_GET(self):
+                server.requests.append((self.path, dict(self.headers)))
+                served = server.files.get(self.path) or Served(
+                    b"<!DOCTYPE html><html><body><h1>404 Not Found</h1></body></html>\n", 404)
+                self.send_response(served.status)
+                suffix = Path(self.path.split("?")[0]).suffix
+                ctype = served.content_type or (CONTENT_TYPES[".html"] if served.status != 200
+                                                else CONTENT_TYPES.get(suffix, "application/octet-stream"))
+                self.send_header("Content-Type", ctype)
+                if served.send_length:
+                    self.send_header("Content-Length", str(len(served.body)))
+                self.send_header("Connection", "close")
+                self.end_headers()
+                step = max(1, -(-len(served.body) // served.chunks))
+                for start in range(0, len(served.body), step):
+                    if served.pause:
+                        time.sleep(served.pause)
+                    self.wfile.write(served.body[start:start + step])
+                    self.wfile.flush()
+                self.close_connection = True
+
+        class Threaded(socketserver.ThreadingMixIn, http.server.HTTPServer):
+            daemon_threads = True
+
+        self.httpd = Threaded(("127.0.0.1", 0), Handler)
+        self.base = f"http://127.0.0.1:{self.httpd.server_address[1]}"
+        threading.Thread(target=self.httpd.serve_forever, daemon=True).start()
+
+    def url(self, path: str) -> str:
+        return self.base + path
+
+    def publish(self, release: Release, folder: str = "/rel", **how) -> str:
+        """Serves the release's manifest and zip; returns the manifest URL."""
+        self.files[f"{folder}/latest.txt"] = Served(release.manifest)
+        self.files[f"{folder}/{release.zip_name}"] = Served(release.zip_path.read_bytes(), **how)
+        return self.url(f"{folder}/latest.txt")
+
+    def paths_requested(self) -> list[str]:
+        return [path for path, _ in self.requests]
+
+    def stop(self):
+        self.httpd.shutdown()
+        self.httpd.server_close()
+
+
+# --------------------------------------------------------------------------
+# Processes the swap script starts (they are in a session of their own)
+
+
+def processes_running(executable: Path) -> list[int]:
+    target = str(executable)
+    found = []
+    for entry in os.listdir("/proc"):
+        if entry.isdigit():
+            try:
+                if os.readlink(f"/proc/{entry}/exe") == target:
+                    found.append(int(entry))
+            except OSError:
+                pass
+    return found
+
+
+def kill_tree(pid: int):
+    for p in [pid, *descendants(pid)]:
+        try:
+            os.kill(p, 9)
+        except (ProcessLookupError, PermissionError):
+            pass
+
+
+# --------------------------------------------------------------------------
+# Reading the screen
+
+
+def ocr(window: XWindow) -> str:
+    """The text tesseract reads in a window, blanks and line breaks folded to single blanks."""
+    image = window.screenshot().convert("L")
+    image = image.resize((image.width * 3, image.height * 3), Image.LANCZOS)
+    with tempfile.NamedTemporaryFile(suffix=".png") as f:
+        image.save(f.name)
+        result = subprocess.run(["tesseract", f.name, "stdout", "--psm", "6"],
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, timeout=60)
+    return " ".join(result.stdout.split())

@@ -1,0 +1,322 @@
+"""Self-update, end to end: a packaged AppDir started from a temporary folder
+checks a local update server, downloads, swaps itself and starts again.
+
+The releases are built by packaging/make-release (1.0.0 installed, 2.0.0
+offered). Alerts are found as X windows by their titles, read with OCR and
+answered with the keyboard.
+"""
+
+from __future__ import annotations
+
+import json
+import time
+from pathlib import Path
+
+import pytest
+
+from harness import App, XWindow, poll
+from releases import (Release, Served, UpdateServer, appdir_entries, kill_tree, make_release, ocr,
+                      processes_running, symlink_info, write_zip)
+
+PAGE = b"<!doctype html><html><head><title>update test</title></head><body>instance</body></html>"
+
+
+@pytest.fixture(scope="session")
+def releases(tmp_path_factory) -> tuple[Release, Release]:
+    out = tmp_path_factory.mktemp("releases")
+    return make_release("1.0.0", "1", out / "1.0.0"), make_release("2.0.0", "7", out / "2.0.0")
+
+
+@pytest.fixture
+def server():
+    s = UpdateServer()
+    s.files["/page.html"] = Served(PAGE)
+    yield s
+    s.stop()
+
+
+class Rig:
+    """One user: a home folder, release 1.0.0 unpacked in apps/, and a folder
+    beside them that nothing may ever write into."""
+
+    def __init__(self, screen, base: Path, old: Release, server: UpdateServer):
+        self.screen, self.server = screen, server
+        self.home = base / "home"
+        self.outside = base / "outside"
+        self.outside.mkdir()
+        self.appdir = old.install(base / "apps")
+        self.executable = self.appdir / "usr" / "bin" / "ondrel"
+        self.data = self.home / ".local" / "share" / "ondrel"
+        self.record = self.data / "pending-update.json"
+        self.apps: list[App] = []
+
+    def config(self, **extra) -> dict:
+        return {"server": self.server.url("/page.html"), **extra}
+
+    def start(self, config: dict) -> App:
+        self.home.mkdir(exist_ok=True)
+        app = App(self.screen, self.home, config=config, binary=str(self.appdir / "AppRun"))
+        self.apps.append(app)
+        return app.start()
+
+    def schedule(self, version: str, url: str):
+        """What "Update on Next Restart" leaves behind."""
+        self.data.mkdir(parents=True, exist_ok=True)
+        self.record.write_text(json.dumps({"version": version, "url": url}))
+
+    def window(self, app: App, title: str, timeout: float = 20) -> XWindow:
+        return poll(lambda: next(iter(self.screen.toplevels(pid=app.pid, title=title)), None), timeout,
+                    0.1, lambda: f"no {title!r} window; log:\n{app.log_text()}")
+
+    def relaunched(self, timeout: float = 20) -> int:
+        """The process the swap script started from the AppDir."""
+        ours = {app.pid for app in self.apps}
+        found = poll(lambda: [p for p in processes_running(self.executable) if p not in ours], timeout, 0.1,
+                     "the AppDir was not started again")
+        return found[0]
+
+    def close(self):
+        for app in self.apps:
+            app.kill()
+        for pid in processes_running(self.executable):
+            kill_tree(pid)
+        # The shared clean-up parks the pointer with a synchronous move, which
+        # stalls for seconds when the pointer is parked already; these tests
+        # never move it, so move it off first.
+        if self.screen.pointer() == (self.screen.width - 5, self.screen.height - 5):
+            self.screen.move_pointer(self.screen.width // 2, self.screen.height // 2)
+
+
+@pytest.fixture
+def rig(screen, tmp_path, releases, server):
+    r = Rig(screen, tmp_path, releases[0], server)
+    yield r
+    r.close()
+
+
+def menu(rig: Rig, window: XWindow, downs: int):
+    """Picks an item of the Ondrel menu with the keyboard (F10, then Down to the item)."""
+    window.focus()
+    for key in ["F10"] + ["Down"] * downs + ["Return"]:
+        rig.screen.key(key)
+        time.sleep(0.25)  # each step opens or moves something that must be there for the next
+
+
+def about_text(rig: Rig, window: XWindow, pid: int) -> str:
+    """Opens Ondrel ▸ About Ondrel and reads the panel."""
+    menu(rig, window, 1)
+    panel = poll(lambda: next(iter(rig.screen.toplevels(pid=pid, title="About Ondrel")), None), 10, 0.1,
+                 "no About panel")
+    time.sleep(0.3)
+    text = ocr(panel)
+    panel.focus()
+    rig.screen.key("Return")
+    poll(lambda: not panel.is_viewable(), 10, message="About panel still shown")
+    return text
+
+
+def bar_fill(window: XWindow) -> int:
+    """Width of the bar's blue fill counted from its left end (0 when the fill does not start there)."""
+    shot = window.screenshot()
+    best = 0
+    for y in range(44, 61):  # the bar's 16-px allocation; the theme draws a thinner trough inside it
+        width = 0
+        for x in range(20, 360):
+            r, g, b = shot.getpixel((x, y))
+            if b - r < 60:
+                if width or x > 24:
+                    break
+                continue
+            width += 1
+        best = max(best, width)
+    return best
+
+
+def test_update_now_downloads_swaps_and_relaunches(rig, server, releases):
+    old, new = releases
+    # Slow enough to watch the bar fill: 24 pieces, 0.1 s apart.
+    manifest = server.publish(new, chunks=24, pause=0.1)
+    app = rig.start(rig.config(updateUrl=manifest))
+
+    alert = rig.window(app, "Ondrel Update Available")
+    assert app.wait_for_log("[Update] current 1.0.0 / remote 2.0.0")
+    time.sleep(0.3)
+    text = ocr(alert)
+    for words in ("Ondrel Update Available", "A new version of Ondrel (2.0.0) is available.",
+                  "You are running 1.0.0.", "Update now, or update on your next restart?",
+                  "Update Now", "Update on Next Restart", "Later"):
+        assert words in text, text
+    manifest_request = server.requests[-1]
+    assert manifest_request[0] == "/rel/latest.txt"
+    assert manifest_request[1].get("User-Agent") == "ondrel-linux-updater"
+
+    alert.focus()
+    rig.screen.key("Return")
+    progress = rig.window(app, "Ondrel Update", 10)
+    assert progress.geometry().width == 380 and progress.geometry().height == 96
+    assert "Updating to 2.0.0" in ocr(progress)
+    fills = []
+    while app.running() and progress.is_viewable() and len(fills) < 40:
+        fills.append(bar_fill(progress))
+        time.sleep(0.05)
+    assert any(0 < f < 300 for f in fills), f"no partly filled bar seen: {fills}"
+    assert fills == sorted(fills), f"the bar went backwards: {fills}"
+
+    assert app.wait_exit(20) == 0
+    size = len(new.zip_path.read_bytes())
+    for line in (f"[Update] downloaded {rig.data / 'updates' / new.zip_name} ({size} bytes)",
+                 f"[Update] verify {new.zip_name} ({size} bytes, magic zip ✓)",
+                 "[Update] unpack exited 0",
+                 f"[Update] extracted bundle at {rig.data / 'updates' / 'stage' / 'Ondrel.AppDir'}",
+                 f"[Update] swap started; relaunching {rig.appdir}"):
+        assert app.wait_for_log(line, 5) == line
+
+    pid = rig.relaunched()
+    window = poll(lambda: next(iter(rig.screen.toplevels(pid=pid, title="Ondrel")), None), 20, 0.1,
+                  "the relaunched app shows no window")
+    assert rig.executable.read_bytes() == new.binary
+    assert not Path(f"{rig.appdir}.ondrel.bak").exists()
+    assert not (rig.data / "updates" / "stage" / "Ondrel.AppDir").exists()
+    assert (rig.data / "updates" / "install.log").read_text() == ""
+    assert "Version 2.0.0 (build 7)" in about_text(rig, window, pid)
+
+
+def test_next_restart_writes_the_record_and_the_next_start_applies_it(rig, server, releases):
+    old, new = releases
+    # No length: the bar has nothing to measure against and stays indeterminate.
+    manifest = server.publish(new, send_length=False, chunks=10, pause=0.1)
+    app = rig.start(rig.config(updateUrl=manifest))
+    alert = rig.window(app, "Ondrel Update Available")
+    alert.focus()
+    rig.screen.key("Right")  # from "Update Now" to "Update on Next Restart"
+    rig.screen.key("space")
+    app.wait_for_log("[Update] scheduled version 2.0.0 for next restart")
+    assert json.loads(rig.record.read_text()) == {"version": "2.0.0", "url": server.url(f"/rel/{new.zip_name}")}
+    assert app.running() and rig.executable.read_bytes() == old.binary
+    app.kill()
+
+    again = rig.start(rig.config(updateUrl=manifest))
+    again.wait_for_log(f"[Update] applying scheduled update 2.0.0 ({server.url('/rel/' + new.zip_name)})")
+    progress = rig.window(again, "Ondrel Update", 10)
+    assert not again.windows("Ondrel"), "the main window is not built while a scheduled update runs"
+    assert not rig.record.exists()
+    assert "Updating to 2.0.0" in ocr(progress)
+    fills = []
+    while again.running() and progress.is_viewable() and len(fills) < 20:
+        fills.append(bar_fill(progress))
+        time.sleep(0.05)
+    assert not any(f > 300 for f in fills), f"an indeterminate bar never fills: {fills}"
+    assert again.wait_exit(20) == 0
+    rig.relaunched()
+    assert rig.executable.read_bytes() == new.binary
+
+
+def test_error_page_is_refused_and_the_progress_window_is_reused(rig, server, releases):
+    old, new = releases
+    manifest = server.publish(new)
+    rig.schedule("9.9.9", server.url("/gone/Ondrel-9.9.9-x86_64.zip"))
+    app = rig.start(rig.config(updateUrl=manifest))
+
+    failed = rig.window(app, "Update Failed")
+    # The error page arrives at once: the progress window has come and gone.
+    first = rig.screen.toplevels(pid=app.pid, title="Ondrel Update", viewable=False)
+    assert len(first) == 1
+    first = first[0]
+    size = len((rig.data / "updates" / "Ondrel-9.9.9-x86_64.zip").read_bytes())
+    assert size > 0
+    app.wait_for_log(f"[Update] verify Ondrel-9.9.9-x86_64.zip ({size} bytes, magic NOT A ZIP)")
+    time.sleep(0.3)
+    text = ocr(failed)
+    assert "Update Failed" in text
+    assert f"The downloaded file ({size} bytes) is not a valid zip archive." in text, text
+    assert not first.is_viewable()
+    assert not rig.record.exists(), "a failing update is not retried"
+
+    failed.focus()
+    rig.screen.key("Return")
+    app.main_window()  # the start goes on with the old version
+    assert rig.executable.read_bytes() == old.binary
+
+    # The start-up check offers 2.0.0; the same progress window comes back.
+    alert = rig.window(app, "Ondrel Update Available")
+    alert.focus()
+    rig.screen.key("Return")
+    second = rig.window(app, "Ondrel Update", 10)
+    assert second.id == first.id
+    assert app.wait_exit(20) == 0
+    rig.relaunched()
+
+
+@pytest.mark.parametrize("kind", ["dotdot", "absolute", "symlink"])
+def test_archive_that_climbs_out_writes_nothing_outside(rig, server, releases, kind):
+    old, new = releases
+    # The staging folder is six levels below the test folder that holds `outside`.
+    hostile = {
+        "dotdot": [("../../../../../../outside/dotdot.txt", b"escaped")],
+        "absolute": [(str(rig.outside / "absolute.txt"), b"escaped")],
+        "symlink": [(symlink_info("link"), str(rig.outside).encode()), ("link/through.txt", b"escaped")],
+    }[kind]
+    # Hostile entries first, then a bundle that would install if they were let through.
+    archive = write_zip(rig.home.parent / "hostile.zip", hostile + appdir_entries(new))
+    server.files["/rel/hostile.zip"] = Served(archive.read_bytes())
+    rig.schedule("3.0", server.url("/rel/hostile.zip"))
+    app = rig.start(rig.config(updateEnabled=False))
+
+    failed = rig.window(app, "Update Failed")
+    app.wait_for_log("[Update] unpack exited 1")
+    time.sleep(0.3)
+    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)" in ocr(failed)
+    assert list(rig.outside.iterdir()) == []
+    assert sorted(p.name for p in rig.home.parent.iterdir()) == ["apps", "home", "hostile.zip", "outside"]
+    failed.focus()
+    rig.screen.key("Return")
+    app.main_window()
+    assert rig.executable.read_bytes() == old.binary
+    assert sorted(p.name for p in rig.appdir.parent.iterdir()) == ["Ondrel.AppDir"]
+
+
+def test_archive_without_a_bundle_is_refused(rig, server):
+    archive = write_zip(rig.home.parent / "nobundle.zip",
+                        [("README.txt", b"release notes"), ("Ondrel/usr/lib/x.so", b"\x7fELF")])
+    server.files["/rel/nobundle.zip"] = Served(archive.read_bytes())
+    rig.schedule("3.0", server.url("/rel/nobundle.zip"))
+    app = rig.start(rig.config(updateEnabled=False))
+    failed = rig.window(app, "Update Failed")
+    app.wait_for_log("[Update] unpack exited 0")
+    time.sleep(0.3)
+    text = ocr(failed)
+    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 0)" in text, text
+    assert "Your current version is unchanged." in text
+    assert not any("[Update] extracted bundle" in m for m in app.messages())
+    failed.focus()
+    rig.screen.key("Return")
+    app.main_window()
+
+
+def test_record_with_an_empty_url_is_left_in_place(rig, server):
+    rig.schedule("2.0.0", "")
+    before = rig.record.read_bytes()
+    app = rig.start(rig.config(updateEnabled=False))
+    app.main_window()
+    app.wait_for_log("[Update] auto-update disabled")
+    assert rig.record.read_bytes() == before
+    assert not any("applying scheduled update" in m for m in app.messages())
+    assert not (rig.data / "updates").exists()
+
+
+def test_disabled_updates_skip_both_checks_and_about_says_disabled(rig, server, releases):
+    manifest = server.publish(releases[1])
+    app = rig.start(rig.config(updateEnabled=False, updateUrl=manifest))
+    window = app.main_window()
+    line = "[Update] auto-update disabled (updateEnabled=false) — skipping"
+    app.wait_for_log(line, 10)
+
+    menu(rig, window, 2)  # the separator is skipped: "Check for Updates…"
+    poll(lambda: app.messages().count(line) == 2, 10, message="the menu check did not run")
+
+    text = about_text(rig, window, app.pid)
+    assert "Version 1.0.0 (build 1)" in text, text
+    assert "Instance Server: 127.0.0.1" in text, text
+    assert "Update Source: disabled" in text, text
+    assert "/rel/latest.txt" not in server.paths_requested()
+    assert not any(w.title() == "Ondrel Update Available" for w in rig.screen.toplevels(pid=app.pid))
