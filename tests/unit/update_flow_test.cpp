@@ -155,7 +155,7 @@ TEST_F(UpdateFlowTest, ManifestRequestIsUncachedWithTheUpdaterAgent) {
   serveManifest("0.0.0\n");
   check();
   EXPECT_TRUE(logged("[Update] checking " + server_.url("/rel/latest.txt")));
-  EXPECT_TRUE(logged("[Update] already up to date") || ondrelCurrentVersion() == "0.0.0");
+  EXPECT_TRUE(logged("[Update] already up to date"));
   const std::string request = server_.requests().at(0);
   EXPECT_EQ(request.rfind("GET /rel/latest.txt HTTP/1.1\r\n", 0), 0u);
   EXPECT_NE(request.find("User-Agent: ondrel-linux-updater\r\n"), std::string::npos);
