@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -129,6 +130,8 @@ class HomeFixture : public ::testing::Test {
     LogCapture::instance().clear();
   }
   void TearDown() override {
+    if (HasFailure())
+      for (const auto& line : LogCapture::instance().lines()) std::fprintf(stderr, "  log: %s\n", line.c_str());
     if (savedHome_) setenv("HOME", savedHome_->c_str(), 1);
     else unsetenv("HOME");
   }
