@@ -106,40 +106,80 @@ std::string describeErrno(const std::string& path, int err) { return path + ": "
 
 // ---- PipeWriter ----
 
+PipeWriter::PipeWriter(int fd) : fd_(fd) {
+  // Non-blocking, so the main thread can write what fits without ever
+  // waiting on a server that stopped reading; writeAll waits in poll.
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
 PipeWriter::~PipeWriter() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-bool PipeWriter::writeAll(std::string_view bytes, std::string* error) {
-  int fd;
-  {
-    std::lock_guard lock(mutex_);
-    if (fd_ < 0 || closeRequested_) {
-      if (error) *error = "standard input is closed";
-      return false;
-    }
-    fd = fd_;
-    ++users_;
+int PipeWriter::acquire(std::string* error) {
+  std::lock_guard lock(mutex_);
+  if (fd_ < 0 || closeRequested_) {
+    if (error) *error = "standard input is closed";
+    return -1;
   }
-  bool ok = true;
+  ++users_;
+  return fd_;
+}
+
+void PipeWriter::release() {
+  std::lock_guard lock(mutex_);
+  if (--users_ == 0 && closeRequested_ && fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+}
+
+ssize_t PipeWriter::writeSome(std::string_view bytes, std::string* error) {
+  int fd = acquire(error);
+  if (fd < 0) return -1;
   size_t done = 0;
+  ssize_t result = 0;
   while (done < bytes.size()) {
     ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
     if (n > 0) {
       done += static_cast<size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
+    } else if (n < 0 && errno == EAGAIN) {
+      break;
+    } else {
+      if (error) *error = std::strerror(n < 0 ? errno : EIO);
+      result = -1;
+      break;
+    }
+  }
+  release();
+  return result < 0 ? -1 : static_cast<ssize_t>(done);
+}
+
+bool PipeWriter::writeAll(std::string_view bytes, std::string* error) {
+  int fd = acquire(error);
+  if (fd < 0) return false;
+  bool ok = true;
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+    } else if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
+      if (errno == EAGAIN) {
+        // Full: wait until the server reads (or is gone, which poll reports).
+        pollfd p{fd, POLLOUT, 0};
+        while (poll(&p, 1, -1) < 0 && errno == EINTR) {
+        }
+      }
     } else {
       if (error) *error = std::strerror(n < 0 ? errno : EIO);
       ok = false;
       break;
     }
   }
-  std::lock_guard lock(mutex_);
-  if (--users_ == 0 && closeRequested_ && fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  release();
   return ok;
 }
 

@@ -10,23 +10,30 @@
 #include <string_view>
 #include <vector>
 
-// The write end of a child's standard input. Writers and the closer may be
-// on different threads: the descriptor is closed only once no write is using
-// it, so a late write can never land in a descriptor number that was reused.
+// The write end of a child's standard input (non-blocking underneath).
+// Writers and the closer may be on different threads: the descriptor is
+// closed only once no write is using it, so a late write can never land in a
+// descriptor number that was reused.
 class PipeWriter {
  public:
-  explicit PipeWriter(int fd) : fd_(fd) {}
+  explicit PipeWriter(int fd);
   ~PipeWriter();
   PipeWriter(const PipeWriter&) = delete;
   PipeWriter& operator=(const PipeWriter&) = delete;
 
-  // Writes every byte (partial writes and interruptions are resumed). False
-  // with the reason when the pipe was closed on either side. The calling
-  // thread must have SIGPIPE blocked or ignored.
+  // Writes every byte, waiting while the pipe is full. False with the reason
+  // when the pipe was closed on either side. The calling thread must have
+  // SIGPIPE blocked or ignored.
   bool writeAll(std::string_view bytes, std::string* error);
+  // Writes what fits without waiting: the number of bytes written, or -1
+  // with the reason when the pipe was closed on either side.
+  ssize_t writeSome(std::string_view bytes, std::string* error);
   void close();
 
  private:
+  int acquire(std::string* error);
+  void release();
+
   std::mutex mutex_;
   int fd_;
   int users_ = 0;

@@ -63,28 +63,29 @@ void McpTask::sendRequest(const std::string& method, const std::optional<Json>& 
                                 seconds));
   });
 
-  _writeQueue->async([weak, id, finish, wantsAnswer, request = std::move(request)] {
-    auto self = weak.lock();
-    if (!self) return;
-    std::unique_lock lock(self->_lock);
-    if (!self->_died && self->_stdin) {
-      if (wantsAnswer) self->_pending[id] = finish;
-      lock.unlock();
-      self->sendMessageBlocking(request);
-    } else {
-      finish->finish(clientError("MCP server '" + self->_name + "' is not running"));
+  writeInOrder([id, finish, wantsAnswer, request = std::move(request)](McpTask& self) -> std::optional<std::string> {
+    std::unique_lock lock(self._lock);
+    if (self._died || !self._stdin) {
+      finish->finish(clientError("MCP server '" + self._name + "' is not running"));
+      return std::nullopt;
     }
+    if (wantsAnswer) self._pending[id] = finish;
+    lock.unlock();
+    return serialize(request);
   });
 }
 
-void McpTask::sendMessageBlocking(const Json& message) {
-  std::string bytes;
+std::optional<std::string> McpTask::serialize(const Json& message) {
   try {
-    bytes = message.dump();
+    std::string bytes = message.dump();
+    bytes.push_back('\n');
+    return bytes;
   } catch (...) {
-    return;  // not representable (invalid UTF-8): nothing is sent
+    return std::nullopt;  // not representable (invalid UTF-8): nothing is sent
   }
-  bytes.push_back('\n');
+}
+
+void McpTask::writeBytes(const std::string& bytes) {
   std::shared_ptr<PipeWriter> input;
   {
     std::lock_guard lock(_lock);
@@ -95,16 +96,53 @@ void McpTask::sendMessageBlocking(const Json& message) {
   if (!input->writeAll(bytes, &reason)) logLine("[MCP " + _name + "] write failed: " + reason);
 }
 
-void McpTask::sendMessage(Json message) {
+void McpTask::writeInOrder(std::function<std::optional<std::string>(McpTask&)> prepare) {
   std::weak_ptr<McpTask> weak = weak_from_this();
-  _writeQueue->async([weak, message = std::move(message)] {
+  if (_writeQueue->tryBeginInline()) {
+    // Nothing is waiting to be written: do it here and spare the hop to the
+    // write thread, as far as the pipe takes the bytes without waiting.
+    std::function<void()> rest;
+    try {
+      if (auto bytes = prepare(*this)) {
+        std::shared_ptr<PipeWriter> input;
+        {
+          std::lock_guard lock(_lock);
+          input = _stdin;
+        }
+        std::string reason;
+        ssize_t written = input ? input->writeSome(*bytes, &reason) : static_cast<ssize_t>(bytes->size());
+        if (written < 0) {
+          logLine("[MCP " + _name + "] write failed: " + reason);
+        } else if (static_cast<size_t>(written) < bytes->size()) {
+          rest = [input, name = _name, tail = bytes->substr(static_cast<size_t>(written))] {
+            std::string reason;
+            if (!input->writeAll(tail, &reason)) logLine("[MCP " + name + "] write failed: " + reason);
+          };
+        }
+      }
+    } catch (...) {
+    }
+    _writeQueue->endInline(std::move(rest));
+    return;
+  }
+  _writeQueue->async([weak, prepare = std::move(prepare)] {
     auto self = weak.lock();
     if (!self) return;
+    if (auto bytes = prepare(*self)) self->writeBytes(*bytes);
+  });
+}
+
+void McpTask::sendMessageBlocking(const Json& message) {
+  if (auto bytes = serialize(message)) writeBytes(*bytes);
+}
+
+void McpTask::sendMessage(Json message) {
+  writeInOrder([message = std::move(message)](McpTask& self) -> std::optional<std::string> {
     {
-      std::lock_guard lock(self->_lock);
-      if (self->_died) return;
+      std::lock_guard lock(self._lock);
+      if (self._died) return std::nullopt;
     }
-    self->sendMessageBlocking(message);
+    return serialize(message);
   });
 }
 

@@ -86,7 +86,9 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   // whose "error" is {"message": text}.
   void sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
                    ResponseHandler completion);
+  // Writes one message on the calling thread (waits while the pipe is full).
   void sendMessageBlocking(const Json& message);
+  // Writes one message in write order, never waiting on the calling thread.
   void sendMessage(Json message);
   void sendNotification(const std::string& method, const std::optional<Json>& params);
   void sendErrorReply(const Json& id, int code, const std::string& message);
@@ -113,6 +115,12 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
           std::map<std::string, std::string> env);
   static void readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<ChildProcess> child);
   static Json clientError(const std::string& message);
+  static std::optional<std::string> serialize(const Json& message);
+  // Runs `prepare` in write order, then writes the line it returns (if any).
+  // When nothing is queued this happens at once on the calling thread, for
+  // as much as the pipe takes without waiting; the rest goes to the queue.
+  void writeInOrder(std::function<std::optional<std::string>(McpTask&)> prepare);
+  void writeBytes(const std::string& bytes);
 
   std::string _command;
   std::vector<std::string> _args;

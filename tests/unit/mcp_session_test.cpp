@@ -1,6 +1,7 @@
 // The JSON-RPC exchange with one server: framing, ids, time-outs, failures,
 // server requests, notifications and the handshake.
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -115,6 +116,25 @@ TEST_F(McpSession, FramingToleratesBlankLinesSplitsAndAFinalLineWithoutNewline) 
   ASSERT_TRUE(pumpUntil([&] { return last->done(); }));
   EXPECT_EQ(last->responses[0]["result"]["n"], 4) << "delivered at end of file, before the exit handling";
   EXPECT_TRUE(pumpUntil([&] { return logged("[MCP fake] subprocess exited / closed stdout"); }));
+}
+
+TEST_F(McpSession, RequestsLargerThanThePipeNeitherBlockNorInterleave) {
+  auto task = startFake("slow-reader", Json{{"startDelay", 0.5}});
+  std::string big(300000, 'b');  // several times what a pipe holds
+  auto before = std::chrono::steady_clock::now();
+  auto first = request(*task, Json{{"name", "echo"}, {"arguments", {{"big", big}}}});
+  auto second = request(*task, Json{{"name", "echo"}, {"arguments", {{"small", 1}}}});
+  auto third = request(*task, Json{{"name", "echo"}, {"arguments", {{"small", 2}}}});
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count(), 0.2)
+      << "the caller never waits for the server to read";
+  ASSERT_TRUE(pumpUntil([&] { return first->done() && second->done() && third->done(); }));
+  auto echoed = [](const Outcome& o) { return Json::parse(o.responses[0]["result"]["content"][0]["text"].get<std::string>()); };
+  EXPECT_EQ(echoed(*first)["arguments"]["big"], big);
+  EXPECT_EQ(echoed(*second)["arguments"]["small"], 1);
+  EXPECT_EQ(echoed(*third)["arguments"]["small"], 2);
+  auto lines = received();
+  ASSERT_EQ(lines.size(), 3u) << "three whole lines, in the order sent";
+  EXPECT_EQ(lines[1]["params"]["arguments"]["small"], 1);
 }
 
 TEST_F(McpSession, IdsMatchNumericallyAndStringIdsNeverMatch) {

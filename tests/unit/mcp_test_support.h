@@ -42,8 +42,8 @@ inline void pumpFor(double seconds) {
 }
 
 // The fake server speaks newline-delimited JSON-RPC. It answers initialize
-// and tools/list (the tool list comes from its first argument, a JSON object
-// of options), and runs tools/call's "script" argument step by step:
+// and tools/list (the tool list, error answers and a delay before it starts
+// reading come from its first argument, a JSON object of options), and runs tools/call's "script" argument step by step:
 //   {"raw": text}        writes text as is; "{ID}" becomes the request id
 //   {"respond": result}  answers the call with this result
 //   {"error": object}    answers the call with this error
@@ -65,6 +65,7 @@ def reply(id, **kw):
     out(json.dumps(msg) + "\n")
 for text in opts.get("onStart", []):
     out(text)
+time.sleep(opts.get("startDelay", 0))
 while True:
     line = sys.stdin.readline()
     if not line:
