@@ -71,7 +71,9 @@ std::string describeErrno(const std::string& path, int err) { return path + ": "
 // Runs in the forked child: only async-signal-safe calls from here on.
 [[noreturn]] void execChild(pid_t parent, int in, int out, int err, int report, const char* dir, const char* path,
                             char* const* argv, char* const* envp) {
-  setpgid(0, 0);
+  // A session of its own: its own process group, and no controlling
+  // terminal that an interactive shell could try to take (and be stopped for).
+  setsid();
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   // The parent may have died between fork and prctl; then no signal comes.
   if (getppid() != parent) _exit(127);
@@ -253,10 +255,6 @@ std::shared_ptr<ChildProcess> ChildProcess::spawn(const SpawnRequest& request, S
     if (stopEvent >= 0) ::close(stopEvent);
     return fail(describeErrno(request.executable, stopEvent < 0 ? errno : forkErr));
   }
-
-  // Set in the parent too, so a signal to the group cannot miss a child
-  // that has not run its own setpgid yet.
-  setpgid(pid, pid);
 
   int childErr = 0;
   ssize_t n;

@@ -47,8 +47,8 @@ struct SpawnRequest {
   std::string workingDirectory;         // empty: the caller's
 };
 
-// One child process with three pipes, in a process group of its own so that
-// a tree (npx → npm → sh → node) ends as a whole. The child gets SIGKILL if
+// One child process with three pipes, in a session (and so a process group)
+// of its own so that a tree (npx → npm → sh → node) ends as a whole. The child gets SIGKILL if
 // the spawning thread dies, so spawn from a thread that lives as long as the
 // child may (the main thread). A watcher thread per child drains standard
 // error all the time, reaps the child, and carries out terminate():

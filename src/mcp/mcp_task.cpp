@@ -146,9 +146,10 @@ void McpTask::start() {
   std::string error;
   auto child = ChildProcess::spawn(
       request,
-      [name](std::string text) {
-        runOnMain([name, text = validUtf8(text)] { logLine("[MCP " + name + "] stderr: " + text); });
-      },
+      // Logged from the watcher thread (the log hops to the main thread for
+      // the panel itself): at quit the main loop no longer runs, and what a
+      // server said on its way out must still reach the system log.
+      [name](std::string text) { logLine("[MCP " + name + "] stderr: " + validUtf8(text)); },
       &error);
   if (!child) {
     logLine("[MCP " + _name + "] launch failed: " + error);

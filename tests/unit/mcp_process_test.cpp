@@ -255,6 +255,8 @@ while :; do sleep 1; done
   ASSERT_TRUE(pumpUntil([&] { return fs::exists(out); }));
   pid_t grandchild = std::stoi(readText(out));
   ASSERT_TRUE(processExists(grandchild));
+  EXPECT_EQ(getsid(child->pid()), child->pid()) << "a session of its own, no controlling terminal";
+  EXPECT_EQ(getpgid(grandchild), child->pid()) << "its children share its group";
 
   LogCapture::instance().clear();
   auto before = std::chrono::steady_clock::now();
