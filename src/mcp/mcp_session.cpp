@@ -41,8 +41,6 @@ int64_t McpTask::nextId() { return ++gMcpSeq; }
 void McpTask::sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
                           ResponseHandler completion) {
   int64_t id = nextId();
-  Json request = {{"jsonrpc", "2.0"}, {"method", method}, {"id", id}};
-  if (params) request["params"] = *params;
 
   auto finish = std::make_shared<Finish>(std::move(completion));
   bool wantsAnswer = static_cast<bool>(finish->completion);
@@ -63,15 +61,25 @@ void McpTask::sendRequest(const std::string& method, const std::optional<Json>& 
                                 seconds));
   });
 
-  writeInOrder([id, finish, wantsAnswer, request = std::move(request)](McpTask& self) -> std::optional<std::string> {
+  // The line is built here rather than through a Json wrapper, which would
+  // copy the parameters (a tool call's arguments) once more.
+  std::optional<std::string> line;
+  try {
+    std::string text = "{\"jsonrpc\":\"2.0\",\"method\":" + Json(method).dump() + ",\"id\":" + std::to_string(id);
+    if (params) text += ",\"params\":" + params->dump();
+    text += "}\n";
+    line = std::move(text);
+  } catch (...) {
+    // Not representable (invalid UTF-8): nothing is sent; the time-out answers.
+  }
+  writeInOrder([id, finish, wantsAnswer, line = std::move(line)](McpTask& self) mutable -> std::optional<std::string> {
     std::unique_lock lock(self._lock);
     if (self._died || !self._stdin) {
       finish->finish(clientError("MCP server '" + self._name + "' is not running"));
       return std::nullopt;
     }
     if (wantsAnswer) self._pending[id] = finish;
-    lock.unlock();
-    return serialize(request);
+    return std::move(line);
   });
 }
 

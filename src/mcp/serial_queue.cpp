@@ -78,10 +78,13 @@ bool SerialQueue::tryBeginInline() {
 }
 
 void SerialQueue::endInline(std::function<void()> remainder) {
+  bool work;
   {
     std::lock_guard lock(state_->mutex);
     state_->busy = false;
     if (remainder && !state_->closed) state_->items.push_front(std::move(remainder));
+    work = !state_->items.empty();
   }
-  state_->wake.notify_one();
+  // Waking the thread for nothing would cost a context switch per write.
+  if (work) state_->wake.notify_one();
 }

@@ -183,6 +183,16 @@ TEST_F(McpSession, LateAnswerAfterTheTimeOutIsDropped) {
   EXPECT_EQ(silent->responses[0]["error"]["message"], "MCP server 'fake' did not respond to 'tools/call' within 2s");
 }
 
+TEST_F(McpSession, RequestThatCannotBeWrittenEndsByItsTimeOut) {
+  auto task = startFake();
+  auto unwritable = request(*task, Json{{"name", "echo"}, {"arguments", {{"bad", "\xff\xfe"}}}}, 0.3);
+  auto fine = request(*task, Json{{"name", "echo"}, {"arguments", Json::object()}});
+  ASSERT_TRUE(pumpUntil([&] { return unwritable->done() && fine->done(); }));
+  EXPECT_EQ(unwritable->responses[0]["error"]["message"], "MCP server 'fake' did not respond to 'tools/call' within 0s");
+  EXPECT_TRUE(fine->responses[0].contains("result"));
+  EXPECT_EQ(receivedCount("tools/call"), 1u) << "nothing of the invalid request reached the server";
+}
+
 TEST_F(McpSession, ServerDyingMidRequestFailsEveryOutstandingRequest) {
   auto task = startFake("dies");
   auto slow = request(*task, scripted(Json::array()));  // never answered
