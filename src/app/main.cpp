@@ -6,13 +6,15 @@
 #include "app/bridge_host_gtk.h"
 #include "app/draggable_web_view_gtk.h"
 #include "app/instance_prompt_gtk.h"
-#include "app/ui_globals_gtk.h"
-#include "base/server_address.h"
-#include "bridge/bridge.h"
-#include "bridge/web_view_delegate_gtk.h"
 #include "app/main_window_gtk.h"
 #include "app/server_selection.h"
+#include "app/ui_globals_gtk.h"
 #include "base/main_thread.h"
+#include "base/server_address.h"
+#include "bridge/bridge.h"
+#include "bridge/mcp_actions.h"
+#include "bridge/web_view_delegate_gtk.h"
+#include "mcp/client_mcp.h"
 #include "update/pending_update.h"
 #include "update/update_check.h"
 #include "update/update_host_gtk.h"
@@ -27,7 +29,11 @@ int main(int argc, char** argv) {
   g_set_prgname("ondrel");
   gtk_init(&argc, &argv);
 
-  // (Start the MCP registry here, before any window exists, once it lands.)
+  // MCP servers start before any window exists; they are stopped on the one
+  // quit path.
+  ClientMcp::loadConfig();
+  ClientMcp::watchConfigFile();
+  addQuitHook(ClientMcp::shutdown);
 
   auto quitOnSignal = +[](gpointer) -> gboolean {
     ondrelQuit();
@@ -42,11 +48,15 @@ int main(int argc, char** argv) {
   ondrelApplyScheduledUpdate();
 
   const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
-  if (!server) return 0;
+  if (!server) {
+    ondrelQuit();  // runs the quit hooks, so the servers end with us
+    return 0;
+  }
 
   createMainWindow();
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
   auto* bridge = new Bridge(*host);  // lives until exit, like the window
+  registerMcpActions(*bridge);
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
   showMainWindow(*server);
 

@@ -2,12 +2,12 @@
 // tint, sounds and the folder chooser. Subsystems add theirs with addAction.
 #include <fcntl.h>
 #include <glib.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -40,72 +40,79 @@ std::string fileError(const char* what, const std::string& path, int error) {
   return std::string(what) + " “" + path + "”: " + g_strerror(error);
 }
 
-// Maps a file read-only; the bytes are encoded straight from the mapping.
-class MappedFile {
- public:
-  ~MappedFile() {
-    if (data_ && size_) munmap(data_, size_);
+// Reads a whole file in one buffer sized up front. (Not mapped: a file
+// truncated by another process while mapped would kill the app.)
+std::optional<std::string> readFileLimited(const std::string& path, size_t limit, bool& tooLarge, std::string& error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = fileError("Failed to open file", path, errno);
+    return std::nullopt;
   }
-  // Fills error on failure; tooLarge when the file exceeds limit.
-  bool open(const std::string& path, size_t limit, bool& tooLarge, std::string& error) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-      error = fileError("Failed to open file", path, errno);
-      return false;
-    }
-    struct stat st {};
-    if (fstat(fd, &st) != 0) {
-      error = fileError("Failed to get attributes of file", path, errno);
-      ::close(fd);
-      return false;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      error = fileError("Failed to read from file", path, EISDIR);
-      ::close(fd);
-      return false;
-    }
-    if (!S_ISREG(st.st_mode)) {
-      // Pipes and devices have no size to check up front: read them.
-      ::close(fd);
-      return readWhole(path, limit, tooLarge, error);
-    }
-    if (static_cast<size_t>(st.st_size) > limit) {
-      tooLarge = true;
-      ::close(fd);
-      return false;
-    }
-    size_ = static_cast<size_t>(st.st_size);
-    if (size_ > 0) {
-      void* p = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
-      if (p == MAP_FAILED) {
-        error = fileError("Failed to map file", path, errno);
-        size_ = 0;
-        ::close(fd);
-        return false;
-      }
-      data_ = p;
-    }
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    error = fileError("Failed to read from file", path, S_ISDIR(st.st_mode) ? EISDIR : errno);
     ::close(fd);
-    return true;
+    return std::nullopt;
   }
-  const guchar* data() const { return data_ ? static_cast<const guchar*>(data_) : fallback_.empty() ? nullptr : reinterpret_cast<const guchar*>(fallback_.data()); }
-  size_t size() const { return data_ ? size_ : fallback_.size(); }
-
- private:
-  bool readWhole(const std::string& path, size_t limit, bool& tooLarge, std::string& error) {
-    auto bytes = readWholeFile(path, &error);
-    if (!bytes) return false;
-    if (bytes->size() > limit) {
-      tooLarge = true;
-      return false;
+  if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit) {
+    tooLarge = true;
+    ::close(fd);
+    return std::nullopt;
+  }
+  std::string data;
+  // Pipes and devices report no size: grow as they deliver.
+  size_t capacity = S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 65536;
+  data.resize(capacity);
+  size_t used = 0;
+  for (;;) {
+    if (used == data.size()) data.resize(data.size() * 2);
+    ssize_t n = ::read(fd, &data[used], data.size() - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      error = fileError("Failed to read from file", path, errno);
+      ::close(fd);
+      return std::nullopt;
     }
-    fallback_ = std::move(*bytes);
-    return true;
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+    if (used > limit) {
+      tooLarge = true;
+      ::close(fd);
+      return std::nullopt;
+    }
   }
-  void* data_ = nullptr;
-  size_t size_ = 0;
-  std::string fallback_;
-};
+  ::close(fd);
+  data.resize(used);
+  return data;
+}
+
+// JSON string text for valid UTF-8, written straight into the reply: only
+// quotes, backslashes and control characters need escaping.
+void appendJsonString(std::string& out, const char* data, size_t size) {
+  static const char* hex = "0123456789abcdef";
+  out += '"';
+  const char* run = data;
+  const char* end = data + size;
+  for (const char* p = data; p < end; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(run, p);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        out += "\\u00";
+        out += hex[c >> 4];
+        out += hex[c & 0xf];
+    }
+    run = p + 1;
+  }
+  out.append(run, end);
+  out += '"';
+}
 
 void appendBase64(std::string& out, const guchar* data, size_t size) {
   size_t start = out.size();
@@ -147,17 +154,19 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFile expects [path]");
       return;
     }
+    bool tooLarge = false;
     std::string error;
-    auto bytes = readWholeFile(*path, &error);
-    if (!bytes) {
+    auto text = readFileLimited(*path, SIZE_MAX, tooLarge, error);
+    if (!text) {
       replyToJS(reqId, false, error);
       return;
     }
-    if (!g_utf8_validate_len(bytes->data(), bytes->size(), nullptr)) {
+    if (!g_utf8_validate_len(text->data(), text->size(), nullptr)) {
       replyToJS(reqId, false, "The file “" + *path + "” couldn’t be read because it is not valid UTF-8 text.");
       return;
     }
-    replyToJS(reqId, true, std::move(*bytes));
+    replyToJSWithJsonText(reqId, true, text->size() + text->size() / 8 + 2,
+                          [&](std::string& out) { appendJsonString(out, text->data(), text->size()); });
   });
 
   addAction("readFileBase64", [this](const Json& reqId, const Json& args) {
@@ -166,16 +175,16 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFileBase64 expects [path]");
       return;
     }
-    MappedFile file;
     bool tooLarge = false;
     std::string error;
-    if (!file.open(*path, kMaxBase64Source, tooLarge, error)) {
+    auto bytes = readFileLimited(*path, kMaxBase64Source, tooLarge, error);
+    if (!bytes) {
       replyToJS(reqId, false, tooLarge ? std::string("file too large to present (max 16 MB)") : error);
       return;
     }
-    replyToJSWithJsonText(reqId, true, (file.size() / 3 + 1) * 4 + 2, [&file](std::string& out) {
+    replyToJSWithJsonText(reqId, true, (bytes->size() / 3 + 1) * 4 + 2, [&](std::string& out) {
       out += '"';
-      appendBase64(out, file.data(), file.size());
+      appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()), bytes->size());
       out += '"';
     });
   });

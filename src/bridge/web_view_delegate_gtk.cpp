@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "base/main_thread.h"
+#include "base/paths.h"
 #include "bridge/navigation_policy.h"
 
 namespace {
@@ -88,10 +89,11 @@ void chooseDestination(WebKitDownload* download, const std::string& suggested, G
       gtk_file_chooser_native_new("Save Download", window, GTK_FILE_CHOOSER_ACTION_SAVE, nullptr, nullptr);
   gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
   gtk_file_chooser_set_do_overwrite_confirmation(GTK_FILE_CHOOSER(chooser), TRUE);
-  if (const char* downloads = g_get_user_special_dir(G_USER_DIRECTORY_DOWNLOAD)) {
-    g_mkdir_with_parents(downloads, 0755);
-    gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), downloads);
-  }
+  // Without a configured user folder the conventional one is used.
+  const char* special = g_get_user_special_dir(G_USER_DIRECTORY_DOWNLOAD);
+  std::string downloads = special ? special : ondrelHomeDir() + "/Downloads";
+  g_mkdir_with_parents(downloads.c_str(), 0755);
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), downloads.c_str());
   gtk_file_chooser_set_current_name(GTK_FILE_CHOOSER(chooser), name.c_str());
   logLine("[Download] save panel for '" + name + "'");
   g_object_ref(download);
@@ -152,6 +154,7 @@ gboolean onRunFileChooser(WebKitWebView*, WebKitFileChooserRequest* request, Del
   gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
   gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser),
                                        webkit_file_chooser_request_get_select_multiple(request));
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), ondrelHomeDir().c_str());
   g_object_ref(request);
   g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
                      auto* request = static_cast<WebKitFileChooserRequest*>(data);
