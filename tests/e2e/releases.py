@@ -1,4 +1,4 @@
-"""Release archives, an update server and screen reading for the updater tests.
+"""Release archives, an update server and process clean-up for the updater tests.
 
 Releases are made by packaging/make-release, the script that makes real
 releases, into one CMake build folder that is kept between runs (only the
@@ -10,19 +10,16 @@ from __future__ import annotations
 import hashlib
 import http.server
 import os
-import shutil
 import socketserver
 import subprocess
 import tempfile
 import threading
 import time
 import zipfile
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
-from PIL import Image
-
-from harness import SERVICE_DOMAIN, XWindow, descendants
+from harness import SERVICE_DOMAIN, descendants
 
 ROOT = Path(__file__).resolve().parents[2]
 MAKE_RELEASE = ROOT / "packaging" / "make-release"
@@ -201,18 +198,3 @@ def kill_tree(pid: int):
             os.kill(p, 9)
         except (ProcessLookupError, PermissionError):
             pass
-
-
-# --------------------------------------------------------------------------
-# Reading the screen
-
-
-def ocr(window: XWindow) -> str:
-    """The text tesseract reads in a window, blanks and line breaks folded to single blanks."""
-    image = window.screenshot().convert("L")
-    image = image.resize((image.width * 3, image.height * 3), Image.LANCZOS)
-    with tempfile.NamedTemporaryFile(suffix=".png") as f:
-        image.save(f.name)
-        result = subprocess.run(["tesseract", f.name, "stdout", "--psm", "6"],
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, timeout=60)
-    return " ".join(result.stdout.split())

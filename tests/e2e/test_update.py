@@ -14,9 +14,10 @@ from pathlib import Path
 
 import pytest
 
+import harness
 from harness import App, XWindow, poll
-from releases import (Release, Served, UpdateServer, appdir_entries, kill_tree, make_release, ocr,
-                      processes_running, symlink_info, write_zip)
+from releases import (Release, Served, UpdateServer, appdir_entries, kill_tree, make_release, processes_running,
+                      symlink_info, write_zip)
 
 PAGE = b"<!doctype html><html><head><title>update test</title></head><body>instance</body></html>"
 
@@ -39,8 +40,8 @@ class Rig:
     """One user: a home folder, release 1.0.0 unpacked in apps/, and a folder
     beside them that nothing may ever write into."""
 
-    def __init__(self, screen, base: Path, old: Release, server: UpdateServer):
-        self.screen, self.server = screen, server
+    def __init__(self, launch, base: Path, old: Release, server: UpdateServer):
+        self.launch, self.screen, self.server = launch, launch.screen, server
         self.home = base / "home"
         self.outside = base / "outside"
         self.outside.mkdir()
@@ -48,16 +49,14 @@ class Rig:
         self.executable = self.appdir / "usr" / "bin" / "ondrel"
         self.data = self.home / ".local" / "share" / "ondrel"
         self.record = self.data / "pending-update.json"
-        self.apps: list[App] = []
 
     def config(self, **extra) -> dict:
         return {"server": self.server.url("/page.html"), **extra}
 
     def start(self, config: dict) -> App:
+        """Starts the installed AppDir; every start shares the one home."""
         self.home.mkdir(exist_ok=True)
-        app = App(self.screen, self.home, config=config, binary=str(self.appdir / "AppRun"))
-        self.apps.append(app)
-        return app.start()
+        return self.launch(home=self.home, config=config, binary=str(self.appdir / "AppRun"))
 
     def schedule(self, version: str, url: str):
         """What "Update on Next Restart" leaves behind."""
@@ -70,14 +69,13 @@ class Rig:
 
     def relaunched(self, timeout: float = 20) -> int:
         """The process the swap script started from the AppDir."""
-        ours = {app.pid for app in self.apps}
+        ours = {app.pid for app in self.launch.apps}
         found = poll(lambda: [p for p in processes_running(self.executable) if p not in ours], timeout, 0.1,
                      "the AppDir was not started again")
         return found[0]
 
     def close(self):
-        for app in self.apps:
-            app.kill()
+        # The apps started here end with `launch`; the swap script's are ours.
         for pid in processes_running(self.executable):
             kill_tree(pid)
         # The shared clean-up parks the pointer with a synchronous move, which
@@ -88,10 +86,14 @@ class Rig:
 
 
 @pytest.fixture
-def rig(screen, tmp_path, releases, server):
-    r = Rig(screen, tmp_path, releases[0], server)
+def rig(launch, tmp_path, releases, server):
+    r = Rig(launch, tmp_path, releases[0], server)
     yield r
     r.close()
+
+
+def read(window: XWindow) -> str:
+    return harness.ocr(window.screenshot())
 
 
 def menu(rig: Rig, window: XWindow, downs: int):
@@ -108,7 +110,7 @@ def about_text(rig: Rig, window: XWindow, pid: int) -> str:
     panel = poll(lambda: next(iter(rig.screen.toplevels(pid=pid, title="About Ondrel")), None), 10, 0.1,
                  "no About panel")
     time.sleep(0.3)
-    text = ocr(panel)
+    text = read(panel)
     panel.focus()
     rig.screen.key("Return")
     poll(lambda: not panel.is_viewable(), 10, message="About panel still shown")
@@ -141,7 +143,7 @@ def test_update_now_downloads_swaps_and_relaunches(rig, server, releases):
     alert = rig.window(app, "Ondrel Update Available")
     assert app.wait_for_log("[Update] current 1.0.0 / remote 2.0.0")
     time.sleep(0.3)
-    text = ocr(alert)
+    text = read(alert)
     for words in ("Ondrel Update Available", "A new version of Ondrel (2.0.0) is available.",
                   "You are running 1.0.0.", "Update now, or update on your next restart?",
                   "Update Now", "Update on Next Restart", "Later"):
@@ -154,7 +156,7 @@ def test_update_now_downloads_swaps_and_relaunches(rig, server, releases):
     rig.screen.key("Return")
     progress = rig.window(app, "Ondrel Update", 10)
     assert progress.geometry().width == 380 and progress.geometry().height == 96
-    assert "Updating to 2.0.0" in ocr(progress)
+    assert "Updating to 2.0.0" in read(progress)
     fills = []
     while app.running() and progress.is_viewable() and len(fills) < 40:
         fills.append(bar_fill(progress))
@@ -200,7 +202,7 @@ def test_next_restart_writes_the_record_and_the_next_start_applies_it(rig, serve
     progress = rig.window(again, "Ondrel Update", 10)
     assert not again.windows("Ondrel"), "the main window is not built while a scheduled update runs"
     assert not rig.record.exists()
-    assert "Updating to 2.0.0" in ocr(progress)
+    assert "Updating to 2.0.0" in read(progress)
     fills = []
     while again.running() and progress.is_viewable() and len(fills) < 20:
         fills.append(bar_fill(progress))
@@ -226,7 +228,7 @@ def test_error_page_is_refused_and_the_progress_window_is_reused(rig, server, re
     assert size > 0
     app.wait_for_log(f"[Update] verify Ondrel-9.9.9-x86_64.zip ({size} bytes, magic NOT A ZIP)")
     time.sleep(0.3)
-    text = ocr(failed)
+    text = read(failed)
     assert "Update Failed" in text
     assert f"The downloaded file ({size} bytes) is not a valid zip archive." in text, text
     assert not first.is_viewable()
@@ -265,7 +267,7 @@ def test_archive_that_climbs_out_writes_nothing_outside(rig, server, releases, k
     failed = rig.window(app, "Update Failed")
     app.wait_for_log("[Update] unpack exited 1")
     time.sleep(0.3)
-    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)" in ocr(failed)
+    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)" in read(failed)
     assert list(rig.outside.iterdir()) == []
     assert sorted(p.name for p in rig.home.parent.iterdir()) == ["apps", "home", "hostile.zip", "outside"]
     failed.focus()
@@ -284,7 +286,7 @@ def test_archive_without_a_bundle_is_refused(rig, server):
     failed = rig.window(app, "Update Failed")
     app.wait_for_log("[Update] unpack exited 0")
     time.sleep(0.3)
-    text = ocr(failed)
+    text = read(failed)
     assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 0)" in text, text
     assert "Your current version is unchanged." in text
     assert not any("[Update] extracted bundle" in m for m in app.messages())
