@@ -42,7 +42,9 @@ std::vector<std::string> ondrelManifestLines(const std::string& body) {
   std::vector<std::string> lines;
   if (!g_utf8_validate(body.data(), static_cast<gssize>(body.size()), nullptr)) return lines;
   const char* p = body.data();
-  const char* end = p + body.size();
+  // A byte-order mark (what some editors put first) is no part of the text.
+  if (body.rfind("\xEF\xBB\xBF", 0) == 0) p += 3;
+  const char* end = body.data() + body.size();
   const char* start = p;
   auto take = [&](const char* stop) {
     std::string piece = trimBlanks(start, stop);

@@ -15,7 +15,7 @@ std::optional<std::string> ondrelUpdateManifestURL();
 
 // Splits at every line break (LF, CR, VT, FF, NEL, U+2028, U+2029), trims
 // white space from each piece and drops the empty ones. Text that is not
-// valid UTF-8 has no lines.
+// valid UTF-8 has no lines; a leading byte-order mark is dropped.
 std::vector<std::string> ondrelManifestLines(const std::string& body);
 
 // Whether the text holds at least one decimal digit of any script.

@@ -46,6 +46,7 @@ TEST(UpdateManifest, LinesSplitAtEveryBreakAndAreTrimmed) {
   EXPECT_EQ(ondrelManifestLines("1.2\u2028a.zip\u2029b\u0085c\fd"), (Lines{"1.2", "a.zip", "b", "c", "d"}));
   EXPECT_EQ(ondrelManifestLines("\u00a0\t1.3\u3000\n  \n\t\n"), (Lines{"1.3"}));
   EXPECT_EQ(ondrelManifestLines("a b\n"), (Lines{"a b"})) << "inner blanks stay";
+  EXPECT_EQ(ondrelManifestLines("\xEF\xBB\xBF" "2.0\r\na.zip\r\n"), (Lines{"2.0", "a.zip"})) << "byte-order mark";
   EXPECT_TRUE(ondrelManifestLines("").empty());
   EXPECT_TRUE(ondrelManifestLines(" \r\n \n").empty());
   EXPECT_TRUE(ondrelManifestLines("1.2\n\xff\xfe.zip\n").empty()) << "not UTF-8 counts as empty";
