@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
   g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);
 
-  installGtkUpdateHost();
+  installGtkUpdateHost(ondrelQuit);
   // Before any menu or window: a successful update ends the process here;
   // a failed one comes back and the normal start goes on.
   ondrelApplyScheduledUpdate();

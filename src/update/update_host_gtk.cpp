@@ -140,16 +140,30 @@ class GtkUpdateHost final : public UpdateHost {
     runDialog(dialog, GTK_RESPONSE_OK);
   }
 
-  void runEventLoop() override { gtk_main(); }
+  explicit GtkUpdateHost(std::function<void()> quitApp) : quitApp_(std::move(quitApp)) {}
+
+  void runEventLoop() override {
+    loopLevel_ = gtk_main_level() + 1;
+    gtk_main();
+    loopLevel_ = 0;
+  }
 
   void stopEventLoop() override {
-    if (gtk_main_level() > 0) gtk_main_quit();
+    if (loopLevel_ && gtk_main_level() == loopLevel_) {
+      gtk_main_quit();
+    } else if (quitApp_) {
+      quitApp_();
+    }
   }
+
+ private:
+  std::function<void()> quitApp_;
+  guint loopLevel_ = 0;  // the level of the start-up update loop while it runs
 };
 
 }  // namespace
 
-void installGtkUpdateHost() {
-  static GtkUpdateHost host;
+void installGtkUpdateHost(std::function<void()> quitApp) {
+  static GtkUpdateHost host(std::move(quitApp));
   setUpdateHost(&host);
 }
