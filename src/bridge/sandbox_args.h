@@ -36,8 +36,8 @@ std::vector<std::string> protectedFolders(const std::string& home);
 bool tmpDirIsUsable(const std::string& tmpDir, const std::string& home);
 
 // The whole command line, program first. Later mounts cover earlier ones, so
-// the protected folders come last and stay read-only even when the working
-// directory or TMPDIR is inside them. statusFd >= 0 asks bubblewrap to report
-// on that descriptor whether the command itself was started.
+// the protected folders and /proc/sys come last and stay read-only even when
+// the working directory or TMPDIR is inside them. statusFd >= 0 asks
+// bubblewrap to report on that descriptor whether the command was started.
 std::vector<std::string> buildSandboxArgs(const SandboxPaths& paths, const std::string& command,
                                           int statusFd = -1);

@@ -34,6 +34,7 @@ TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
                    "--bind", "/home/u/project", "/home/u/project",
                    "--ro-bind", "/home/u/.ssh", "/home/u/.ssh",
                    "--ro-bind", "/home/u/.gnupg", "/home/u/.gnupg",
+                   "--ro-bind", "/proc/sys", "/proc/sys",
                    "--unshare-user", "--disable-userns", "--cap-drop", "ALL", "--new-session", "--die-with-parent",
                    "--chdir", "/home/u/project", "--", "/bin/bash", "-lc", "make 'a b' && echo \"$HOME\""};
   EXPECT_EQ(buildSandboxArgs(paths, "make 'a b' && echo \"$HOME\""), expected);
@@ -55,15 +56,18 @@ TEST(SandboxArgs, ProtectedFoldersAreMountedAfterEveryWritablePlace) {
   const std::pair<std::string, std::string> cases[] = {
       {"/home/u/.ssh", "/home/u"},         {"/home/u/.ssh/sub", "/tmp/x"}, {"/home/u/.gnupg", "/"},
       {"/", "/home/u/.gnupg/private"},     {"/home", "/home"},              {"/home/u", "/var/tmp"},
+      {"/proc", "/proc/sys/kernel"},
   };
   for (const auto& [work, tmp] : cases) {
     Args args = buildSandboxArgs({"/home/u", work, tmp}, "true");
     long ssh = mountIndex(args, "--ro-bind", "/home/u/.ssh");
     long gnupg = mountIndex(args, "--ro-bind", "/home/u/.gnupg");
+    long sysctl = mountIndex(args, "--ro-bind", "/proc/sys");
     ASSERT_GE(ssh, 0) << work;
     ASSERT_GE(gnupg, 0) << work;
-    EXPECT_GT(ssh, lastWritableBind(args)) << work << " " << tmp;
-    EXPECT_GT(gnupg, lastWritableBind(args)) << work << " " << tmp;
+    ASSERT_GE(sysctl, 0) << work;
+    for (long protectedMount : {ssh, gnupg, sysctl})
+      EXPECT_GT(protectedMount, lastWritableBind(args)) << work << " " << tmp;
     EXPECT_EQ(mountIndex(args, "--ro-bind", "/"), 1) << "the read-only root comes first";
     EXPECT_GE(mountIndex(args, "--bind", work), 0) << "the working directory is always writable";
   }
