@@ -3,7 +3,13 @@
 
 #include <csignal>
 
+#include "app/bridge_host_gtk.h"
+#include "app/draggable_web_view_gtk.h"
 #include "app/instance_prompt_gtk.h"
+#include "app/ui_globals_gtk.h"
+#include "base/server_address.h"
+#include "bridge/bridge.h"
+#include "bridge/web_view_delegate_gtk.h"
 #include "app/main_window_gtk.h"
 #include "app/server_selection.h"
 
@@ -31,7 +37,11 @@ int main(int argc, char** argv) {
   const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
   if (!server) return 0;
 
-  createMainWindow(*server);
+  createMainWindow();
+  auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
+  auto* bridge = new Bridge(*host);  // lives until exit, like the window
+  connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
+  showMainWindow(*server);
 
   // (Schedule the first automatic update check 3 s from now, once self-update lands.)
 

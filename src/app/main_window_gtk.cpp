@@ -96,7 +96,7 @@ void reloadWebView() {
   if (gWebView) webkit_web_view_reload(gWebView->view());
 }
 
-void createMainWindow(const std::string& serverUrl) {
+void createMainWindow() {
   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gMainWindow = window;
   gtk_window_set_title(GTK_WINDOW(window), "Ondrel");
@@ -137,6 +137,10 @@ void createMainWindow(const std::string& serverUrl) {
   installKeyboardShortcuts(GTK_WINDOW(window), menuBar);
 
   gtk_container_add(GTK_CONTAINER(window), overlay);
+}
+
+void showMainWindow(const std::string& serverUrl) {
+  GtkWidget* window = gMainWindow;
   webkit_web_view_load_uri(gWebView->view(), serverUrl.c_str());
   gtk_widget_show_all(window);
   gtk_widget_grab_focus(gWebView->widget());

@@ -4,8 +4,11 @@
 #include <string>
 
 // Builds the main window (web view, hidden log panel, drawn buttons, hidden
-// menu bar), loads the address and shows it.
-void createMainWindow(const std::string& serverUrl);
+// menu bar) without showing it; sets gMainWindow and gWebView.
+void createMainWindow();
+
+// Loads the address in the main web view and brings the window up.
+void showMainWindow(const std::string& serverUrl);
 
 // The one way out: menu Quit, Ctrl+Q, the close button, the window
 // manager's close and SIGINT/SIGTERM all end here, so the quit hooks always

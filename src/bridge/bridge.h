@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/json.h"
+#include "bridge/agent_sounds.h"
 
 struct ScrimColor {
   double r = 0, g = 0, b = 0, a = 0;
@@ -37,7 +38,7 @@ class Bridge {
   // reqId is the page's id, echoed unchanged; args is always an array.
   using NativeAction = std::function<void(const Json& reqId, const Json& args)>;
 
-  explicit Bridge(BridgeHost& host);
+  explicit Bridge(BridgeHost& host, AgentSounds::Player soundPlayer = systemSoundPlayer());
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
 
@@ -49,6 +50,12 @@ class Bridge {
   // Answers a native-action request: exactly one reply per request.
   void replyToJS(const Json& reqId, bool ok, const Json& value);
 
+  // The same for large values: appendJson writes the value's JSON text
+  // straight into the reply expression, so a big payload is not copied
+  // through intermediate strings. sizeHint is the expected JSON length.
+  void replyToJSWithJsonText(const Json& reqId, bool ok, size_t sizeHint,
+                             const std::function<void(std::string&)>& appendJson);
+
   // Calls a page handler; its answer is only logged.
   void invokeHandler(const std::string& handler, const Json& args, const std::string& desc);
 
@@ -57,6 +64,9 @@ class Bridge {
   // Subsystems add their actions here at start-up (names are unique).
   void addAction(const std::string& name, NativeAction action);
 
+  // Logs and hands a URL to the user's default browser.
+  void openExternally(const std::string& url);
+
   // After every finished main-frame load.
   void pageDidFinishLoading();
 
@@ -64,12 +74,16 @@ class Bridge {
   void addBuiltInActions();
 
   BridgeHost& host_;
+  AgentSounds sounds_;
   std::map<std::string, NativeAction> actions_;
 };
 
 // Native-to-page calls still waiting for the page's answer, by call id.
 // Entries whose answer never comes stay for the life of the process.
 extern std::map<std::string, std::function<void(const Json& answer)>> gPending;
+
+// The tint for "setChromeScrim" [r, g, b, a]: nullopt removes it.
+std::optional<ScrimColor> scrimColorFromArgs(const Json& args);
 
 // The JavaScript texts the native side evaluates in the page.
 std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson);

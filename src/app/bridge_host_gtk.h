@@ -1,0 +1,24 @@
+#pragma once
+
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
+#include "bridge/bridge.h"
+
+// The bridge's view of the main window.
+class GtkBridgeHost : public BridgeHost {
+ public:
+  GtkBridgeHost(GtkWindow* window, WebKitWebView* view) : window_(window), view_(view) {}
+
+  void evaluateScript(const std::string& script) override;
+  void evaluateScriptForResult(const std::string& script,
+                               std::function<void(const std::string&, const std::string&)> done) override;
+  void pickDirectory(const std::optional<std::string>& message,
+                     std::function<void(std::optional<std::string>)> done) override;
+  void setChromeScrim(const std::optional<ScrimColor>& color) override;
+  void openInBrowser(const std::string& url) override;
+
+ private:
+  GtkWindow* window_;
+  WebKitWebView* view_;
+};

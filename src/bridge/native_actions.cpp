@@ -1,0 +1,231 @@
+// The built-in native actions: files, project folders, platform, window
+// tint, sounds and the folder chooser. Subsystems add theirs with addAction.
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "base/files.h"
+#include "bridge/agent_sounds.h"
+#include "bridge/bridge.h"
+#include "bridge/platform_info.h"
+#include "bridge/project_dirs.h"
+
+namespace {
+
+constexpr size_t kMaxBase64Source = 16777216;
+
+const Json kOk = Json{{"ok", true}};
+
+std::optional<std::string> stringArg(const Json& args, size_t index) {
+  if (index < args.size() && args[index].is_string()) return args[index].get<std::string>();
+  return std::nullopt;
+}
+
+std::optional<double> numberArg(const Json& args, size_t index) {
+  if (index >= args.size()) return std::nullopt;
+  const Json& v = args[index];
+  if (v.is_number()) return v.get<double>();
+  if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
+  return std::nullopt;
+}
+
+std::string fileError(const char* what, const std::string& path, int error) {
+  return std::string(what) + " “" + path + "”: " + g_strerror(error);
+}
+
+// Reads a whole file in one buffer sized up front. (Not mapped: a file
+// truncated by another process while mapped would kill the app.)
+std::optional<std::string> readFileLimited(const std::string& path, size_t limit, bool& tooLarge, std::string& error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = fileError("Failed to open file", path, errno);
+    return std::nullopt;
+  }
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    error = fileError("Failed to read from file", path, S_ISDIR(st.st_mode) ? EISDIR : errno);
+    ::close(fd);
+    return std::nullopt;
+  }
+  if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit) {
+    tooLarge = true;
+    ::close(fd);
+    return std::nullopt;
+  }
+  std::string data;
+  // Pipes and devices report no size: grow as they deliver.
+  size_t capacity = S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 65536;
+  data.resize(capacity);
+  size_t used = 0;
+  for (;;) {
+    if (used == data.size()) data.resize(data.size() * 2);
+    ssize_t n = ::read(fd, &data[used], data.size() - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      error = fileError("Failed to read from file", path, errno);
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+    if (used > limit) {
+      tooLarge = true;
+      ::close(fd);
+      return std::nullopt;
+    }
+  }
+  ::close(fd);
+  data.resize(used);
+  return data;
+}
+
+// JSON string text for valid UTF-8, written straight into the reply: only
+// quotes, backslashes and control characters need escaping.
+void appendJsonString(std::string& out, const char* data, size_t size) {
+  static const char* hex = "0123456789abcdef";
+  out += '"';
+  const char* run = data;
+  const char* end = data + size;
+  for (const char* p = data; p < end; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(run, p);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        out += "\\u00";
+        out += hex[c >> 4];
+        out += hex[c & 0xf];
+    }
+    run = p + 1;
+  }
+  out.append(run, end);
+  out += '"';
+}
+
+void appendBase64(std::string& out, const guchar* data, size_t size) {
+  size_t start = out.size();
+  out.resize(start + (size / 3 + 1) * 4 + 4);
+  gint state = 0, save = 0;
+  gsize written = size ? g_base64_encode_step(data, size, FALSE, &out[start], &state, &save) : 0;
+  written += g_base64_encode_close(FALSE, &out[start] + written, &state, &save);
+  out.resize(start + written);
+}
+
+}  // namespace
+
+void Bridge::addBuiltInActions() {
+  addAction("pickDirectory", [this](const Json& reqId, const Json& args) {
+    host_.pickDirectory(stringArg(args, 0), [this, reqId](std::optional<std::string> path) {
+      replyToJS(reqId, true, path ? Json(*path) : Json());
+    });
+  });
+
+  addAction("platform", [this](const Json& reqId, const Json&) { replyToJS(reqId, true, platformInfo()); });
+
+  addAction("getProjectDirs", [this](const Json& reqId, const Json&) {
+    replyToJS(reqId, true, projectDirs().value_or(Json::object()));
+  });
+
+  addAction("setProjectDir", [this](const Json& reqId, const Json& args) {
+    auto id = stringArg(args, 0), path = stringArg(args, 1);
+    if (!id || !path) {
+      replyToJS(reqId, false, "setProjectDir expects [projectId, path]");
+      return;
+    }
+    setProjectDir(*id, *path);
+    replyToJS(reqId, true, kOk);
+  });
+
+  addAction("readFile", [this](const Json& reqId, const Json& args) {
+    auto path = stringArg(args, 0);
+    if (!path) {
+      replyToJS(reqId, false, "readFile expects [path]");
+      return;
+    }
+    bool tooLarge = false;
+    std::string error;
+    auto text = readFileLimited(*path, SIZE_MAX, tooLarge, error);
+    if (!text) {
+      replyToJS(reqId, false, error);
+      return;
+    }
+    if (!g_utf8_validate_len(text->data(), text->size(), nullptr)) {
+      replyToJS(reqId, false, "The file “" + *path + "” couldn’t be read because it is not valid UTF-8 text.");
+      return;
+    }
+    replyToJSWithJsonText(reqId, true, text->size() + text->size() / 8 + 2,
+                          [&](std::string& out) { appendJsonString(out, text->data(), text->size()); });
+  });
+
+  addAction("readFileBase64", [this](const Json& reqId, const Json& args) {
+    auto path = stringArg(args, 0);
+    if (!path) {
+      replyToJS(reqId, false, "readFileBase64 expects [path]");
+      return;
+    }
+    bool tooLarge = false;
+    std::string error;
+    auto bytes = readFileLimited(*path, kMaxBase64Source, tooLarge, error);
+    if (!bytes) {
+      replyToJS(reqId, false, tooLarge ? std::string("file too large to present (max 16 MB)") : error);
+      return;
+    }
+    replyToJSWithJsonText(reqId, true, (bytes->size() / 3 + 1) * 4 + 2, [&](std::string& out) {
+      out += '"';
+      appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()), bytes->size());
+      out += '"';
+    });
+  });
+
+  addAction("writeFile", [this](const Json& reqId, const Json& args) {
+    auto path = stringArg(args, 0);
+    if (!path) {
+      replyToJS(reqId, false, "writeFile expects [path, content]");
+      return;
+    }
+    // Missing content writes an empty file, on purpose.
+    std::string content = stringArg(args, 1).value_or("");
+    if (path->find('/') != std::string::npos) {
+      auto made = makeDirectories(parentDirectory(*path));
+      if (!made.ok) {
+        replyToJS(reqId, false, made.error);
+        return;
+      }
+    }
+    auto written = writeFileAtomically(*path, content);
+    if (!written.ok) {
+      replyToJS(reqId, false, written.error);
+      return;
+    }
+    replyToJS(reqId, true, kOk);
+  });
+
+  addAction("setChromeScrim", [this](const Json& reqId, const Json& args) {
+    host_.setChromeScrim(scrimColorFromArgs(args));
+    replyToJS(reqId, true, kOk);
+  });
+
+  addAction("playSound", [this](const Json& reqId, const Json& args) {
+    sounds_.playAgentSound(stringArg(args, 0).value_or("complete"));
+    replyToJS(reqId, true, kOk);
+  });
+}
+
+std::optional<ScrimColor> scrimColorFromArgs(const Json& args) {
+  double v[4];
+  for (size_t i = 0; i < 4; ++i) v[i] = numberArg(args, i).value_or(0.0);
+  if (args.size() < 4 || !numberArg(args, 3) || v[3] <= 0) return std::nullopt;
+  return ScrimColor{v[0] / 255.0, v[1] / 255.0, v[2] / 255.0, std::min(v[3], 1.0)};
+}

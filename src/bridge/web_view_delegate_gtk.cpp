@@ -1,0 +1,194 @@
+#include "bridge/web_view_delegate_gtk.h"
+
+#include "base/log.h"
+#include "base/main_thread.h"
+#include "base/paths.h"
+#include "bridge/navigation_policy.h"
+
+namespace {
+
+struct Delegate {
+  Bridge& bridge;
+  GtkWindow* window;
+  std::string referenceHost;
+  bool loadFailed = false;
+};
+
+Json jsonFromJsValue(JSCValue* value) {
+  gchar* text = jsc_value_to_json(value, 0);
+  if (!text) return Json();
+  auto parsed = parseJson(text);
+  g_free(text);
+  return parsed.value_or(Json());
+}
+
+void onScriptMessage(WebKitUserContentManager*, WebKitJavascriptResult* result, Delegate* d) {
+  d->bridge.didReceiveScriptMessage(jsonFromJsValue(webkit_javascript_result_get_js_value(result)));
+}
+
+void onLoadChanged(WebKitWebView*, WebKitLoadEvent event, Delegate* d) {
+  if (event == WEBKIT_LOAD_STARTED) d->loadFailed = false;
+  // A failed load also ends in FINISHED; only real page loads are probed.
+  if (event == WEBKIT_LOAD_FINISHED && !d->loadFailed) d->bridge.pageDidFinishLoading();
+}
+
+gboolean onLoadFailed(WebKitWebView*, WebKitLoadEvent, gchar*, GError*, Delegate* d) {
+  d->loadFailed = true;
+  return FALSE;
+}
+
+gboolean decideNavigation(WebKitNavigationPolicyDecision* decision, Delegate* d, bool newWindow) {
+  WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(decision);
+  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+  const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
+  std::string url = uri ? uri : "";
+  if (newWindow) {
+    // No new web view is ever made.
+    if (newWindowDecision(url, d->referenceHost) == NewWindowDecision::OpenExternally) d->bridge.openExternally(url);
+    webkit_policy_decision_ignore(WEBKIT_POLICY_DECISION(decision));
+    return TRUE;
+  }
+  bool linkClick = webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
+  if (navigationDecision(linkClick, url, d->referenceHost) == NavigationDecision::OpenExternally) {
+    d->bridge.openExternally(url);
+    webkit_policy_decision_ignore(WEBKIT_POLICY_DECISION(decision));
+    return TRUE;
+  }
+  webkit_policy_decision_use(WEBKIT_POLICY_DECISION(decision));
+  return TRUE;
+}
+
+gboolean onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type, Delegate* d) {
+  switch (type) {
+    case WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION:
+      return decideNavigation(WEBKIT_NAVIGATION_POLICY_DECISION(decision), d, false);
+    case WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION:
+      return decideNavigation(WEBKIT_NAVIGATION_POLICY_DECISION(decision), d, true);
+    case WEBKIT_POLICY_DECISION_TYPE_RESPONSE: {
+      auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+      if (webkit_response_policy_decision_is_mime_type_supported(response)) {
+        webkit_policy_decision_use(decision);
+      } else {
+        webkit_policy_decision_download(decision);
+      }
+      return TRUE;
+    }
+    default:
+      return FALSE;
+  }
+}
+
+// --- downloads ---------------------------------------------------------
+
+constexpr const char* kCancelledByUser = "ondrel-cancelled-by-user";
+constexpr const char* kFailed = "ondrel-failed";
+
+void chooseDestination(WebKitDownload* download, const std::string& suggested, GtkWindow* window) {
+  std::string name = suggested.empty() ? "download" : suggested;
+  GtkFileChooserNative* chooser =
+      gtk_file_chooser_native_new("Save Download", window, GTK_FILE_CHOOSER_ACTION_SAVE, nullptr, nullptr);
+  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
+  gtk_file_chooser_set_do_overwrite_confirmation(GTK_FILE_CHOOSER(chooser), TRUE);
+  // Without a configured user folder the conventional one is used.
+  const char* special = g_get_user_special_dir(G_USER_DIRECTORY_DOWNLOAD);
+  std::string downloads = special ? special : ondrelHomeDir() + "/Downloads";
+  g_mkdir_with_parents(downloads.c_str(), 0755);
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), downloads.c_str());
+  gtk_file_chooser_set_current_name(GTK_FILE_CHOOSER(chooser), name.c_str());
+  logLine("[Download] save panel for '" + name + "'");
+  g_object_ref(download);
+  g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
+                     auto* download = static_cast<WebKitDownload*>(data);
+                     gchar* path = response == GTK_RESPONSE_ACCEPT
+                                       ? gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog))
+                                       : nullptr;
+                     if (path) {
+                       logLine(std::string("[Download] saving to ") + path);
+                       gchar* uri = g_filename_to_uri(path, nullptr, nullptr);
+                       webkit_download_set_allow_overwrite(download, TRUE);
+                       webkit_download_set_destination(download, uri);
+                       g_free(uri);
+                       g_free(path);
+                     } else {
+                       logLine("[Download] cancelled");
+                       g_object_set_data(G_OBJECT(download), kCancelledByUser, GINT_TO_POINTER(1));
+                       webkit_download_cancel(download);
+                     }
+                     g_object_unref(download);
+                     g_object_unref(dialog);
+                   }),
+                   download);
+  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+}
+
+void onDownloadStarted(WebKitWebContext*, WebKitDownload* download, Delegate* d) {
+  g_signal_connect(download, "decide-destination",
+                   G_CALLBACK(+[](WebKitDownload* download, gchar* suggested, Delegate* d) -> gboolean {
+                     // Answered later, from the dialog.
+                     std::string name = suggested ? suggested : "";
+                     g_object_ref(download);
+                     runOnMain([download, name, window = d->window] {
+                       chooseDestination(download, name, window);
+                       g_object_unref(download);
+                     });
+                     return TRUE;
+                   }),
+                   d);
+  g_signal_connect(download, "failed", G_CALLBACK(+[](WebKitDownload* download, GError* error, gpointer) {
+                     g_object_set_data(G_OBJECT(download), kFailed, GINT_TO_POINTER(1));
+                     if (g_object_get_data(G_OBJECT(download), kCancelledByUser)) return;
+                     logLine(std::string("[Download] failed: ") + (error ? error->message : "unknown error"));
+                   }),
+                   nullptr);
+  g_signal_connect(download, "finished", G_CALLBACK(+[](WebKitDownload* download, gpointer) {
+                     if (!g_object_get_data(G_OBJECT(download), kFailed)) logLine("[Download] finished");
+                   }),
+                   nullptr);
+}
+
+// --- file inputs --------------------------------------------------------
+
+gboolean onRunFileChooser(WebKitWebView*, WebKitFileChooserRequest* request, Delegate* d) {
+  GtkFileChooserNative* chooser =
+      gtk_file_chooser_native_new("Open", d->window, GTK_FILE_CHOOSER_ACTION_OPEN, nullptr, nullptr);
+  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
+  gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser),
+                                       webkit_file_chooser_request_get_select_multiple(request));
+  g_object_ref(request);
+  g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
+                     auto* request = static_cast<WebKitFileChooserRequest*>(data);
+                     GSList* files = response == GTK_RESPONSE_ACCEPT
+                                         ? gtk_file_chooser_get_filenames(GTK_FILE_CHOOSER(dialog))
+                                         : nullptr;
+                     if (files) {
+                       GPtrArray* names = g_ptr_array_new();
+                       for (GSList* f = files; f; f = f->next) g_ptr_array_add(names, f->data);
+                       g_ptr_array_add(names, nullptr);
+                       webkit_file_chooser_request_select_files(request,
+                                                                reinterpret_cast<const gchar* const*>(names->pdata));
+                       g_ptr_array_free(names, TRUE);
+                       g_slist_free_full(files, g_free);
+                     } else {
+                       webkit_file_chooser_request_cancel(request);
+                     }
+                     g_object_unref(request);
+                     g_object_unref(dialog);
+                   }),
+                   request);
+  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+  return TRUE;
+}
+
+}  // namespace
+
+void connectWebViewDelegate(WebKitWebView* view, GtkWindow* window, Bridge& bridge, const std::string& referenceHost) {
+  auto* d = new Delegate{bridge, window, referenceHost};  // lives as long as the view
+  WebKitUserContentManager* content = webkit_web_view_get_user_content_manager(view);
+  g_signal_connect(content, "script-message-received::ondrel", G_CALLBACK(onScriptMessage), d);
+  webkit_user_content_manager_register_script_message_handler(content, "ondrel");
+  g_signal_connect(view, "load-changed", G_CALLBACK(onLoadChanged), d);
+  g_signal_connect(view, "load-failed", G_CALLBACK(onLoadFailed), d);
+  g_signal_connect(view, "decide-policy", G_CALLBACK(onDecidePolicy), d);
+  g_signal_connect(view, "run-file-chooser", G_CALLBACK(onRunFileChooser), d);
+  g_signal_connect(webkit_web_view_get_context(view), "download-started", G_CALLBACK(onDownloadStarted), d);
+}
