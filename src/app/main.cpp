@@ -9,6 +9,7 @@
 #include "app/ui_globals_gtk.h"
 #include "base/server_address.h"
 #include "bridge/bridge.h"
+#include "bridge/exec_command.h"
 #include "bridge/web_view_delegate_gtk.h"
 #include "app/main_window_gtk.h"
 #include "app/server_selection.h"
@@ -40,6 +41,7 @@ int main(int argc, char** argv) {
   createMainWindow();
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
   auto* bridge = new Bridge(*host);  // lives until exit, like the window
+  registerExecAction(*bridge);
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
   showMainWindow(*server);
 

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "bridge/bridge.h"
+#include "log_capture.h"
 #include "test_files.h"
 
 namespace fs = std::filesystem;
@@ -305,6 +307,42 @@ TEST_F(ExecTest, SeveralCommandsRunAtOnce) {
   EXPECT_TRUE(first->first && second->first);
   EXPECT_EQ(first->second["exit"], 0) << first->second.dump();
   EXPECT_EQ(second->second["exit"], 0) << second->second.dump();
+}
+
+}  // namespace
+
+namespace {
+
+class ScriptRecorder : public BridgeHost {
+ public:
+  void evaluateScript(const std::string& script) override { scripts.push_back(script); }
+  void evaluateScriptForResult(const std::string&, std::function<void(const std::string&, const std::string&)>) override {}
+  void pickDirectory(const std::optional<std::string>&, std::function<void(std::optional<std::string>)>) override {}
+  void setChromeScrim(const std::optional<ScrimColor>&) override {}
+  void openInBrowser(const std::string&) override {}
+  std::vector<std::string> scripts;
+};
+
+void spinUntil(const std::function<bool()>& done) {
+  const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
+  while (!done() && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, TRUE);
+}
+
+TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
+  if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
+  LogCapture::instance();  // keeps the bridge's log lines out of the test output
+  ScriptRecorder host;
+  Bridge bridge(host, [](const std::string&) {});
+  registerExecAction(bridge);
+
+  bridge.didReceiveScriptMessage(Json{{"__reqId", 7}, {"name", "exec"}, {"args", {"~", "printf 'a\"b'; exit 2"}}});
+  bridge.didReceiveScriptMessage(Json{{"__reqId", "r8"}, {"name", "exec"}, {"args", {nullptr, "true"}}});
+  // The argument error is answered at once, the command later.
+  ASSERT_EQ(host.scripts.size(), 1u);
+  EXPECT_EQ(host.scripts[0], bridgeReplyExpression("r8", false, R"("exec expects [dir, command]")"));
+  spinUntil([&] { return host.scripts.size() == 2; });
+  ASSERT_EQ(host.scripts.size(), 2u);
+  EXPECT_EQ(host.scripts[1], bridgeReplyExpression("7", true, R"({"exit":2,"stdout":"a\"b","stderr":""})"));
 }
 
 }  // namespace
