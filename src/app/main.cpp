@@ -6,13 +6,13 @@
 #include "app/bridge_host_gtk.h"
 #include "app/draggable_web_view_gtk.h"
 #include "app/instance_prompt_gtk.h"
+#include "app/main_window_gtk.h"
+#include "app/server_selection.h"
 #include "app/ui_globals_gtk.h"
 #include "base/server_address.h"
 #include "bridge/bridge.h"
 #include "bridge/exec_command.h"
 #include "bridge/web_view_delegate_gtk.h"
-#include "app/main_window_gtk.h"
-#include "app/server_selection.h"
 
 int main(int argc, char** argv) {
   // A child's closed pipe must never kill the app.

@@ -44,13 +44,13 @@ WebKitUserContentManager* createContentManager() {
 }
 
 void addTrafficLights(GtkOverlay* overlay, GtkWindow* window) {
-  struct Spec {
+  struct Button {
     Rgba color;
     int kind;
     const char* title;
     std::function<void()> action;
   };
-  const Spec specs[] = {
+  const Button buttons[] = {
       {{255 / 255.0, 59 / 255.0, 48 / 255.0, 1}, TrafficLightButton::Close, "Close", [] { ondrelQuit(); }},
       {{255 / 255.0, 204 / 255.0, 0, 1}, TrafficLightButton::Minimize, "Minimize",
        [window] { gtk_window_iconify(window); }},
@@ -65,8 +65,8 @@ void addTrafficLights(GtkOverlay* overlay, GtkWindow* window) {
   };
   gTrafficLights.reserve(3);
   int index = 0;
-  for (const Spec& spec : specs) {
-    auto* button = new TrafficLightButton(spec.color, spec.kind, spec.title, spec.action);
+  for (const Button& def : buttons) {
+    auto* button = new TrafficLightButton(def.color, def.kind, def.title, def.action);
     GtkWidget* widget = button->widget();
     // Centred 22 px below the top edge, 18 + 24 × index from the left.
     gtk_widget_set_halign(widget, GTK_ALIGN_START);

@@ -19,6 +19,14 @@ TrafficLightButton::TrafficLightButton(Rgba color, int kind, const std::string& 
   g_signal_connect(area_, "button-release-event", G_CALLBACK(onRelease), this);
 }
 
+void TrafficLightButton::redraw() {
+  // The button is see-through, and the web view under it only repaints
+  // correctly as a whole: a redraw of the button alone leaves the window's
+  // background fill around the circle. Hover and tint changes are rare, so
+  // the whole window is redrawn (GTK folds the requests into one frame).
+  gtk_widget_queue_draw(gtk_widget_get_toplevel(area_));
+}
+
 gboolean TrafficLightButton::onDraw(GtkWidget*, cairo_t* cr, gpointer self) {
   static_cast<TrafficLightButton*>(self)->draw(cr);
   return TRUE;

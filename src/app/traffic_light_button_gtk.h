@@ -25,7 +25,7 @@ class TrafficLightButton {
   const std::optional<Rgba>& scrim() const { return scrim_; }
   // Does not redraw by itself: callers redraw all buttons at once.
   void setScrim(std::optional<Rgba> scrim) { scrim_ = scrim; }
-  void redraw() { gtk_widget_queue_draw(area_); }
+  void redraw();
 
  private:
   static gboolean onDraw(GtkWidget* widget, cairo_t* cr, gpointer self);

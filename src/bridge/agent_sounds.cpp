@@ -46,7 +46,8 @@ std::optional<std::string> ondrelSynthesizeTones(const Json& table) {
     const int64_t first = static_cast<int64_t>(s * kSampleRate);
     int64_t last = static_cast<int64_t>((s + d) * kSampleRate);
     if (last > n) last = n;
-    for (int64_t i = first; i < last; ++i) {
+    // A note may start before the sound does; only its audible part is written.
+    for (int64_t i = first < 0 ? 0 : first; i < last; ++i) {
       const double t = static_cast<double>(i - first) / 44100.0;
       const double envelope = a * ((1.0 - std::cos(kTwoPi * t / d)) * 0.5);
       const double value = std::sin((kTwoPi * f) * t) * envelope;

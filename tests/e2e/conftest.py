@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import itertools
-import os
 import sys
 from pathlib import Path
 
@@ -61,9 +60,11 @@ class Launcher:
         self.apps: list[App] = []
         self._n = itertools.count()
 
-    def __call__(self, *args: str, start: bool = True, **kw) -> App:
-        home = self.base / f"home{next(self._n)}"
-        home.mkdir(parents=True)
+    def __call__(self, *args: str, start: bool = True, home: Path | None = None, **kw) -> App:
+        """home: run in that HOME again (a restart) instead of a fresh one."""
+        if home is None:
+            home = self.base / f"home{next(self._n)}"
+            home.mkdir(parents=True)
         app = App(self.screen, home, args=args, **kw)
         self.apps.append(app)
         return app.start() if start else app
@@ -85,7 +86,7 @@ class Launcher:
 
 @pytest.fixture
 def launch(screen, tmp_path, request):
-    """launch(*args, config=..., language=..., start=True) -> App, ended after the test."""
+    """launch(*args, config=..., language=..., start=True, home=None) -> App, ended after the test."""
     launcher = Launcher(screen, tmp_path)
     yield launcher
     launcher.close(_failed(request.node), request.node.name)

@@ -7,11 +7,11 @@ Everything waits by polling with a deadline; nothing sleeps blindly for long.
 
 from __future__ import annotations
 
+import ctypes
 import http.server
 import json
 import os
 import re
-import shutil
 import signal
 import socketserver
 import subprocess
@@ -19,11 +19,11 @@ import tempfile
 import threading
 import time
 import urllib.parse
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, Iterable, Optional
+from typing import Callable, Iterable
 
-from PIL import Image, ImageOps
+from PIL import Image, ImageChops, ImageFilter, ImageOps
 
 from Xlib import X, Xatom, display as xdisplay, error as xerror
 from Xlib.protocol import event as xevent
@@ -33,7 +33,7 @@ PAGES = HERE / "pages"
 
 SERVICE_DOMAIN = os.environ.get("ONDREL_SERVICE_DOMAIN", "ondrel.example")
 DEMO_INSTANCE = os.environ.get("ONDREL_DEMO_INSTANCE", f"demo.on.{SERVICE_DOMAIN}")
-BINARY = os.environ.get("ONDREL_BIN", "/work/main/build/ondrel")
+BINARY = os.environ.get("ONDREL_BIN", str(HERE.parent.parent / "build" / "ondrel"))
 
 SCREEN_W, SCREEN_H = 1920, 1080
 
@@ -60,6 +60,15 @@ def poll(check: Callable[[], object], timeout: float, interval: float = 0.05,
 # X server
 
 
+_libc = ctypes.CDLL(None, use_errno=True)
+PR_SET_PDEATHSIG = 1
+
+
+def _die_with_parent():
+    """Runs in the child before exec: a crashed or killed test run takes it along."""
+    _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
 class Xvfb:
     def __init__(self, width: int = SCREEN_W, height: int = SCREEN_H):
         self.width, self.height = width, height
@@ -69,7 +78,7 @@ class Xvfb:
              f"{width}x{height}x24", "-nolisten", "tcp", "-noreset"],
             pass_fds=(write_fd,), stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
+            start_new_session=True, preexec_fn=_die_with_parent)
         os.close(write_fd)
         number = b""
         with os.fdopen(read_fd, "rb") as pipe:
@@ -133,6 +142,15 @@ class XWindow:
     def title(self) -> str | None:
         return self.screen.window_title(self.id)
 
+    def wants_decorations(self) -> bool:
+        """Whether a window manager is asked to draw its frame and title bar (_MOTIF_WM_HINTS)."""
+        d = self.screen.x
+        prop = self._win.get_full_property(d.intern_atom("_MOTIF_WM_HINTS"), X.AnyPropertyType)
+        if prop is None or len(prop.value) < 3:
+            return True  # no hint: window managers decorate
+        flags, decorations = prop.value[0], prop.value[2]
+        return not (flags & 2) or decorations != 0
+
     def is_viewable(self) -> bool:
         try:
             return self._win.get_attributes().map_state == X.IsViewable
@@ -177,10 +195,15 @@ class XWindow:
         self.move_pointer(x, y)
         self.screen.button_down(button)
 
-    def pixel(self, x: int, y: int, shot: Image.Image | None = None):
+    def pixel(self, x: int, y: int) -> tuple[int, int, int]:
         g = self.geometry()
-        shot = shot or self.screen.screenshot()
-        return shot.getpixel((g.x + x, g.y + y))
+        return self.screen.screenshot((g.x + x, g.y + y, 1, 1)).getpixel((0, 0))
+
+    def wait_for_pixel(self, x: int, y: int, expected, tol: float = 4, timeout: float = 10):
+        """Waits until the pixel at (x, y) of this window shows `expected`."""
+        poll(lambda: close_to(self.pixel(x, y), expected, tol), timeout,
+             message=lambda: f"pixel ({x}, {y}) of the window is {self.pixel(x, y)}, "
+                             f"expected {tuple(expected)} ±{tol}")
 
     def screenshot(self) -> Image.Image:
         g = self.geometry()
@@ -272,7 +295,10 @@ class Screen:
                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=20)
 
     def move_pointer(self, x: int, y: int):
-        self.xdotool("mousemove", "--sync", str(x), str(y))
+        x, y = min(max(0, x), self.width - 1), min(max(0, y), self.height - 1)
+        # xdotool's --sync waits for motion, which never comes if the pointer is already there.
+        if self.pointer() != (x, y):
+            self.xdotool("mousemove", "--sync", str(x), str(y))
 
     def pointer(self) -> tuple[int, int]:
         p = self.root.query_pointer()
@@ -324,14 +350,24 @@ def blend(top: Iterable[float], bottom: Iterable[float], alpha: float) -> tuple[
 
 
 def ocr(image: Image.Image, scale: int = 3) -> str:
-    """Reads the text of a screenshot crop with tesseract, as a person would read it."""
-    big = image.convert("L").resize((image.width * scale, image.height * scale), Image.LANCZOS)
+    """Reads the text of a screenshot crop with tesseract, as a person would read it.
+
+    Two readings, joined: the plain grey image, and one where every pixel that
+    stands out from its surroundings is ink, so light text on a coloured
+    button (which a plain pass loses) is read as well.
+    """
+    grey = image.convert("L")
+    background = grey.filter(ImageFilter.MedianFilter(15))
+    ink = ImageOps.invert(ImageChops.difference(grey, background).point(lambda v: 255 if v > 40 else 0))
+    readings = []
     with tempfile.TemporaryDirectory() as tmp:
-        path = Path(tmp) / "crop.png"
-        big.save(path)
-        out = subprocess.run(["tesseract", str(path), "-", "--psm", "6"], capture_output=True,
-                             text=True, timeout=60)
-    return " ".join(out.stdout.split())
+        for n, picture in enumerate((grey, ink)):
+            path = Path(tmp) / f"crop{n}.png"
+            picture.resize((image.width * scale, image.height * scale), Image.LANCZOS).save(path)
+            out = subprocess.run(["tesseract", str(path), "-", "--psm", "6"],
+                                 capture_output=True, text=True, timeout=60)
+            readings.append(" ".join(out.stdout.split()))
+    return " | ".join(readings)
 
 
 # --------------------------------------------------------------------------
@@ -349,8 +385,9 @@ class Report:
 class WebServer:
     """Serves pages/ on 127.0.0.1 and collects POST /report bodies from pages.
 
-    Tests can add their own handlers with route(path, fn); fn(handler) returns
-    (status, content_type, body_bytes).
+    Tests can add their own handlers with route(path, fn); fn(handler) gets the
+    request handler (its .path, .headers, .command, and .body for a POST) and
+    returns (status, content_type, body_bytes).
     """
 
     def __init__(self, root: Path = PAGES):
@@ -388,6 +425,7 @@ class WebServer:
                 return True
 
             def do_GET(self):
+                self.body = b""
                 server.requests.append(self.path)
                 if not self._route():
                     super().do_GET()
@@ -405,7 +443,7 @@ class WebServer:
                     self.send_header("Content-Length", "0")
                     self.end_headers()
                     return
-                self.rfile = __import__("io").BytesIO(body)
+                self.body = body
                 if not self._route():
                     self.send_error(404)
 
@@ -586,7 +624,8 @@ class App:
         self.started_at = time.monotonic()
         self.proc = subprocess.Popen([self.binary, *self.args], env=self.env, cwd=str(self.home),
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                     stderr=subprocess.PIPE, start_new_session=True)
+                                     stderr=subprocess.PIPE, start_new_session=True,
+                                     preexec_fn=_die_with_parent)
         _live_apps.add(self)
         threading.Thread(target=self._read_stderr, daemon=True).start()
         threading.Thread(target=self._watch_children, daemon=True).start()

@@ -1,0 +1,138 @@
+#!/usr/bin/python3
+"""Start-up time and memory of ondrel against WebKitGTK's bare MiniBrowser.
+
+Both programs load the same local page under one Xvfb. For each run:
+  start-up  = time from spawning the process to the page's load event
+              reaching the bench's web server;
+  memory    = summed VmRSS of the process and all its descendants (the WebKit
+              web and network processes), taken right at load and again after
+              a settle time; then also summed PSS, which counts the pages the
+              processes share (the WebKit library) once.
+Runs alternate between the programs so that disk caches and machine noise
+fall on both alike; a warm-up run of each is made first and not counted.
+
+Usage: /usr/bin/python3 bench/startup.py [--runs 5] [--ondrel PATH] [--minibrowser PATH]
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import statistics
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tests" / "e2e"))
+
+from harness import App, Screen, Timeout, WebServer, Xvfb, descendants, rss_kib  # noqa: E402
+
+MINIBROWSER = "/usr/lib/x86_64-linux-gnu/webkit2gtk-4.1/MiniBrowser"
+
+
+def total_rss_kib(pid: int) -> int:
+    return rss_kib(pid) + sum(rss_kib(child) for child in descendants(pid))
+
+
+def pss_kib(pid: int) -> int:
+    try:
+        with open(f"/proc/{pid}/smaps_rollup") as f:
+            for line in f:
+                if line.startswith("Pss:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return 0
+
+
+def total_pss_kib(pid: int) -> int:
+    """Like RSS, but pages shared between the processes (the WebKit library) count once."""
+    return pss_kib(pid) + sum(pss_kib(child) for child in descendants(pid))
+
+
+def one_run(screen: Screen, web: WebServer, binary: str, settle: float) -> dict:
+    with tempfile.TemporaryDirectory(prefix="ondrel-bench-") as home:
+        # A config that switches off the update check keeps ondrel off the network.
+        app = App(screen, Path(home), args=[web.url("index.html")], binary=binary,
+                  config={"updateEnabled": False} if binary != MINIBROWSER else None)
+        mark = web.mark()
+        try:
+            app.start()
+            report = web.wait_for_report("load", timeout=60, since=mark)
+            startup = report.at - app.started_at
+            rss_at_load = total_rss_kib(app.pid)
+            time.sleep(settle)
+            rss_settled = total_rss_kib(app.pid)
+            pss_settled = total_pss_kib(app.pid)
+            processes = 1 + len(descendants(app.pid))
+        finally:
+            app.kill()
+    return {"startup": startup, "rss_load": rss_at_load, "rss_settled": rss_settled,
+            "pss_settled": pss_settled, "processes": processes}
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--runs", type=int, default=5)
+    parser.add_argument("--warmup", type=int, default=1)
+    parser.add_argument("--settle", type=float, default=2.0,
+                        help="seconds after load before the second memory sample")
+    parser.add_argument("--ondrel", default=os.environ.get("ONDREL_BIN", str(ROOT / "build" / "ondrel")))
+    parser.add_argument("--minibrowser", default=MINIBROWSER)
+    args = parser.parse_args()
+
+    programs = {"ondrel": args.ondrel, "MiniBrowser": args.minibrowser}
+    for name, path in programs.items():
+        if not os.access(path, os.X_OK):
+            print(f"{name} not found at {path}", file=sys.stderr)
+            return 2
+
+    xvfb = Xvfb()
+    web = WebServer(Path(__file__).resolve().parent / "site")
+    screen = Screen(xvfb)
+    results: dict[str, list[dict]] = {name: [] for name in programs}
+    try:
+        for round_ in range(args.warmup + args.runs):
+            order = list(programs.items())
+            if round_ % 2:
+                order.reverse()
+            for name, path in order:
+                try:
+                    run = one_run(screen, web, path, args.settle)
+                except Timeout as exc:
+                    print(f"{name}: run {round_} failed: {exc}", file=sys.stderr)
+                    continue
+                if round_ >= args.warmup:
+                    results[name].append(run)
+                    print(f"  {name:12s} run {round_ - args.warmup + 1}: {run['startup'] * 1000:7.0f} ms, "
+                          f"{run['rss_load'] / 1024:6.1f} MiB at load, "
+                          f"{run['rss_settled'] / 1024:6.1f} MiB after {args.settle:g} s, "
+                          f"{run['processes']} processes", file=sys.stderr)
+    finally:
+        web.stop()
+        xvfb.stop()
+
+    print(f"\nStart-up to page load and resident memory of all processes "
+          f"({args.runs} runs each, median / min)\n")
+    header = (f"{'program':12s} {'start-up ms':>17s} {'RSS at load MiB':>19s} "
+              f"{'RSS +%gs MiB' % args.settle:>19s} {'PSS +%gs MiB' % args.settle:>19s}")
+    print(header)
+    print("-" * len(header))
+    for name, runs in results.items():
+        if not runs:
+            print(f"{name:12s} (no successful run)")
+            continue
+        def cell(values, scale, fmt):
+            return f"{fmt.format(statistics.median(values) * scale)} / {fmt.format(min(values) * scale)}"
+        print(f"{name:12s} "
+              f"{cell([r['startup'] for r in runs], 1000, '{:.0f}'):>17s} "
+              f"{cell([r['rss_load'] for r in runs], 1 / 1024, '{:.1f}'):>19s} "
+              f"{cell([r['rss_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s} "
+              f"{cell([r['pss_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

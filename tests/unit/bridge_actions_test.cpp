@@ -1,0 +1,263 @@
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "bridge/platform_info.h"
+#include "bridge_fakes.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const Json kOk = Json{{"ok", true}};
+
+TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
+  const struct {
+    Json name, args;
+    std::string error;
+  } cases[] = {
+      {"setProjectDir", Json::array(), "setProjectDir expects [projectId, path]"},
+      {"setProjectDir", {"p"}, "setProjectDir expects [projectId, path]"},
+      {"setProjectDir", {"p", 5}, "setProjectDir expects [projectId, path]"},
+      {"setProjectDir", {5, "/x"}, "setProjectDir expects [projectId, path]"},
+      {"readFile", Json::array(), "readFile expects [path]"},
+      {"readFile", {3}, "readFile expects [path]"},
+      {"readFileBase64", {nullptr}, "readFileBase64 expects [path]"},
+      {"readFileBase64", Json::array(), "readFileBase64 expects [path]"},
+      {"writeFile", Json::array(), "writeFile expects [path, content]"},
+      {"writeFile", {Json::object(), "text"}, "writeFile expects [path, content]"},
+      {"ReadFile", {"/etc/hostname"}, "unknown native action 'ReadFile'"},
+      {"playsound", Json::array(), "unknown native action 'playsound'"},
+      {"", Json::array(), "unknown native action ''"},
+      {nullptr, Json::array(), "unknown native action '(null)'"},
+  };
+  for (const auto& c : cases) {
+    Reply reply = call(c.name, c.args);
+    EXPECT_FALSE(reply.ok) << c.name << c.args;
+    EXPECT_EQ(reply.value, c.error) << c.name << c.args;
+  }
+  EXPECT_FALSE(fs::exists(home_.path() / ".local/share/ondrel/defaults.json")) << "failed sets store nothing";
+}
+
+TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
+  Reply empty = call("getProjectDirs", Json::array());
+  EXPECT_TRUE(empty.ok);
+  EXPECT_EQ(empty.value, Json::object()) << "an empty dictionary, not null";
+
+  for (const Json& args : {Json{"a", "/first"}, Json{"b", "~/not/expanded/../x"}, Json{"a", "/second"}}) {
+    Reply set = call("setProjectDir", args);
+    EXPECT_TRUE(set.ok);
+    EXPECT_EQ(set.value, kOk);
+  }
+  const Json expected = {{"a", "/second"}, {"b", "~/not/expanded/../x"}};
+  EXPECT_EQ(call("setProjectDir", {"a"}).ok, false);
+  EXPECT_EQ(call("setProjectDir", {"c", 1}).ok, false);
+  EXPECT_EQ(call("getProjectDirs", Json::array()).value, expected);
+
+  FakeHost otherHost;
+  Bridge other(otherHost, nullptr);
+  other.handleNativeAction("r", "getProjectDirs", Json::array());
+  ASSERT_EQ(otherHost.scripts.size(), 1u);
+  EXPECT_EQ(parseReply(otherHost.scripts[0])->value, expected);
+  auto file = parseJson(readText(home_.path() / ".local/share/ondrel/defaults.json"));
+  ASSERT_TRUE(file);
+  EXPECT_EQ((*file)["projectDirs"], expected);
+}
+
+TEST_F(BridgeTest, ReadFileGivesUtf8TextOrTheSystemsError) {
+  const fs::path dir = home_.path() / "files";
+  const std::string text = "Grüße \"quoted\"\n\ttab \\ end\r\x01\x1f\x7f</script> 😀";
+  writeText(dir / "text.txt", text);
+  writeText(dir / "empty.txt", "");
+  writeText(dir / "latin1.txt", "caf\xe9");
+  EXPECT_EQ(call("readFile", {(dir / "text.txt").string()}).value, text);
+  EXPECT_EQ(call("readFile", {(dir / "empty.txt").string()}).value, "");
+
+  for (const fs::path& bad : {dir / "latin1.txt", dir / "missing.txt", dir}) {
+    Reply reply = call("readFile", {bad.string()});
+    EXPECT_FALSE(reply.ok) << bad;
+    ASSERT_TRUE(reply.value.is_string()) << bad;
+    EXPECT_NE(reply.value.get<std::string>().find(bad.string()), std::string::npos) << reply.value;
+  }
+}
+
+TEST_F(BridgeTest, ReadFileBase64AcceptsExactlySixteenMebibytes) {
+  const fs::path file = home_.path() / "big.bin";
+  std::string bytes(16777216, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 131 + (i >> 13)) & 0xff);
+  std::ofstream(file, std::ios::binary) << bytes;
+
+  Reply reply = call("readFileBase64", {file.string()});
+  ASSERT_TRUE(reply.ok);
+  ASSERT_TRUE(reply.value.is_string());
+  const std::string& text = reply.value.get_ref<const std::string&>();
+  EXPECT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
+  EXPECT_EQ(text.find_first_of("\r\n"), std::string::npos);
+  gsize decodedSize = 0;
+  guchar* decoded = g_base64_decode(text.c_str(), &decodedSize);
+  EXPECT_TRUE(decodedSize == bytes.size() && std::memcmp(decoded, bytes.data(), bytes.size()) == 0);
+  g_free(decoded);
+
+  std::ofstream(file, std::ios::binary | std::ios::app) << 'x';
+  Reply tooLarge = call("readFileBase64", {file.string()});
+  EXPECT_FALSE(tooLarge.ok);
+  EXPECT_EQ(tooLarge.value, "file too large to present (max 16 MB)");
+}
+
+TEST_F(BridgeTest, ReadFileBase64EncodesSmallFilesAndReportsErrors) {
+  const struct {
+    std::string content, base64;
+  } cases[] = {{"", ""}, {"h", "aA=="}, {"hello", "aGVsbG8="}, {std::string("\0\xff\xfe", 3), "AP/+"}};
+  for (const auto& c : cases) {
+    writeText(home_.path() / "f.bin", c.content);
+    Reply reply = call("readFileBase64", {(home_.path() / "f.bin").string()});
+    EXPECT_TRUE(reply.ok);
+    EXPECT_EQ(reply.value, c.base64);
+  }
+  const std::string missing = (home_.path() / "gone.bin").string();
+  Reply reply = call("readFileBase64", {missing});
+  EXPECT_FALSE(reply.ok);
+  EXPECT_NE(reply.value.get<std::string>().find(missing), std::string::npos) << reply.value;
+}
+
+TEST_F(BridgeTest, WriteFileCreatesFoldersAndWritesEmptyFilesForMissingContent) {
+  const fs::path nested = home_.path() / "a/b/c/out.txt";
+  EXPECT_EQ(call("writeFile", {nested.string(), "Grüße\n"}).value, kOk);
+  EXPECT_EQ(readText(nested), "Grüße\n");
+  EXPECT_EQ(call("writeFile", {nested.string(), "shorter"}).value, kOk);
+  EXPECT_EQ(readText(nested), "shorter");
+
+  for (const Json& args :
+       {Json{(home_.path() / "x/only-path.txt").string()}, Json{(home_.path() / "x/number.txt").string(), 42}}) {
+    Reply reply = call("writeFile", args);
+    EXPECT_TRUE(reply.ok);
+    EXPECT_EQ(reply.value, kOk);
+    EXPECT_TRUE(fs::is_regular_file(args[0].get<std::string>())) << args;
+    EXPECT_EQ(fs::file_size(args[0].get<std::string>()), 0u) << args;
+  }
+
+  // A bare name lands in the working directory.
+  const fs::path saved = fs::current_path();
+  fs::current_path(home_.path());
+  EXPECT_TRUE(call("writeFile", {"bare.txt", "here"}).ok);
+  fs::current_path(saved);
+  EXPECT_EQ(readText(home_.path() / "bare.txt"), "here");
+
+  writeText(home_.path() / "plain", "a file, not a folder");
+  for (const fs::path& bad : {home_.path() / "plain/inside.txt", home_.path() / "a/b"}) {
+    Reply reply = call("writeFile", {bad.string(), "x"});
+    EXPECT_FALSE(reply.ok) << bad;
+    EXPECT_TRUE(reply.value.is_string() && !reply.value.get<std::string>().empty()) << reply.value;
+  }
+}
+
+TEST_F(BridgeTest, PlatformDescribesLinuxAndTheKernel) {
+  Reply reply = call("platform", Json::array());
+  ASSERT_TRUE(reply.ok);
+  EXPECT_EQ(reply.value["name"], "Linux");
+  EXPECT_TRUE(std::regex_match(reply.value["version"].get<std::string>(), std::regex(R"(\d+\.\d+\.\d+)")))
+      << reply.value;
+  const passwd* pw = getpwuid(getuid());
+  ASSERT_NE(pw, nullptr);
+  EXPECT_EQ(reply.value["user"], pw->pw_name);
+  EXPECT_EQ(reply.value["home"], pw->pw_dir) << "the account's home, whatever HOME says";
+
+  const std::pair<std::string, std::string> releases[] = {
+      {"6.1.0-18-amd64", "6.1.0"}, {"5.10", "5.10.0"},     {"6", "6.0.0"},
+      {"4.19-rc1", "4.19.0"},      {"6.8.12.3", "6.8.12"}, {"", "0.0.0"},
+      {"weird", "0.0.0"},          {"6.5.0+", "6.5.0"},    {"6-2.3", "6.0.0"},
+  };
+  for (const auto& [release, triple] : releases) EXPECT_EQ(kernelVersionTriple(release), triple) << release;
+}
+
+TEST_F(BridgeTest, ScrimColourFollowsTheFourNumbers) {
+  const struct {
+    Json args;
+    std::optional<ScrimColor> color;
+  } cases[] = {
+      {{0, 0, 0, 0.5}, ScrimColor{0, 0, 0, 0.5}},
+      {{255, 255, 255}, std::nullopt},
+      {{255, 51, 510, 3}, ScrimColor{1, 0.2, 2, 1}},
+      {{10, 20, 30, 0}, std::nullopt},
+      {{10, 20, 30, -0.5}, std::nullopt},
+      {{10, 20, 30, "1"}, std::nullopt},
+      {{10, 20, 30, nullptr}, std::nullopt},
+      {{"255", nullptr, Json::object(), 1}, ScrimColor{0, 0, 0, 1}},
+      {{51, 102, 153, 0.25, "extra"}, ScrimColor{0.2, 0.4, 0.6, 0.25}},
+      {Json::array(), std::nullopt},
+  };
+  for (const auto& c : cases) {
+    host_.scrims.clear();
+    Reply reply = call("setChromeScrim", c.args);
+    EXPECT_TRUE(reply.ok);
+    EXPECT_EQ(reply.value, kOk);
+    ASSERT_EQ(host_.scrims.size(), 1u) << c.args;
+    const auto& got = host_.scrims[0];
+    ASSERT_EQ(got.has_value(), c.color.has_value()) << c.args;
+    if (!got) continue;
+    EXPECT_DOUBLE_EQ(got->r, c.color->r) << c.args;
+    EXPECT_DOUBLE_EQ(got->g, c.color->g) << c.args;
+    EXPECT_DOUBLE_EQ(got->b, c.color->b) << c.args;
+    EXPECT_DOUBLE_EQ(got->a, c.color->a) << c.args;
+  }
+}
+
+TEST_F(BridgeTest, PlaySoundAnswersAtOnceAndSynthesisesEachChimeOnce) {
+  for (const Json& args : {Json::array(), Json{7}, Json{"Complete"}, Json{"beep"}, Json{"error"}}) {
+    Reply reply = call("playSound", args);
+    EXPECT_TRUE(reply.ok);
+    EXPECT_EQ(reply.value, kOk);
+  }
+  ASSERT_EQ(played_.size(), 3u) << "no name and a non-string name play \"complete\"; others are ignored";
+  EXPECT_EQ(played_[0], played_[1]);
+  EXPECT_NE(played_[0], played_[2]);
+  const std::pair<std::string, std::string> files[] = {{played_[0], "complete"}, {played_[2], "error"}};
+  for (const auto& [path, name] : files) {
+    EXPECT_EQ(fs::path(path).parent_path(), fs::path(g_get_tmp_dir()));
+    EXPECT_TRUE(std::regex_match(fs::path(path).filename().string(),
+                                 std::regex(R"(ondrel-agent-[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}\.wav)")))
+        << path;
+    EXPECT_EQ(readText(path), ondrelSynthesizeTones(agentSoundTable(name)).value_or("")) << name;
+    fs::remove(path);
+  }
+  // Cached: the removed file is neither written again nor replaced.
+  call("playSound", {"complete"});
+  ASSERT_EQ(played_.size(), 4u);
+  EXPECT_EQ(played_[3], played_[0]);
+  EXPECT_FALSE(fs::exists(played_[3]));
+}
+
+TEST_F(BridgeTest, PickDirectoryRepliesWhenTheChooserCloses) {
+  const struct {
+    Json args;
+    std::optional<std::string> message, chosen;
+    Json value;
+  } cases[] = {
+      {{"Choose a project"}, "Choose a project", "/home/me/project", "/home/me/project"},
+      {Json::array(), std::nullopt, std::nullopt, nullptr},
+      {{42}, std::nullopt, "/tmp", "/tmp"},
+  };
+  for (const auto& c : cases) {
+    host_.scripts.clear();
+    host_.pickMessages.clear();
+    bridge_.handleNativeAction(9, "pickDirectory", c.args);
+    EXPECT_TRUE(host_.scripts.empty()) << "no answer while the chooser is open";
+    ASSERT_EQ(host_.pickMessages.size(), 1u);
+    EXPECT_EQ(host_.pickMessages[0], c.message);
+    host_.pickDone(c.chosen);
+    ASSERT_EQ(host_.scripts.size(), 1u);
+    auto reply = parseReply(host_.scripts[0]);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->id, "9");
+    EXPECT_TRUE(reply->ok) << "cancelling is not an error";
+    EXPECT_EQ(reply->value, c.value);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,105 @@
+#pragma once
+
+// A window stand-in for the bridge and a reader of the reply expressions it
+// evaluates, shared by the bridge test files.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bridge/bridge.h"
+#include "log_capture.h"
+#include "test_files.h"
+
+class FakeHost : public BridgeHost {
+ public:
+  void evaluateScript(const std::string& script) override {
+    scripts.push_back(script);
+    if (onScript) onScript(script);
+  }
+  void evaluateScriptForResult(const std::string& script,
+                               std::function<void(const std::string&, const std::string&)> done) override {
+    probes.push_back(script);
+    done(probeResult(script), "");
+  }
+  void pickDirectory(const std::optional<std::string>& message,
+                     std::function<void(std::optional<std::string>)> done) override {
+    pickMessages.push_back(message);
+    pickDone = std::move(done);
+  }
+  void setChromeScrim(const std::optional<ScrimColor>& color) override { scrims.push_back(color); }
+  void openInBrowser(const std::string& url) override { opened.push_back(url); }
+
+  std::vector<std::string> scripts, probes, opened;
+  std::vector<std::optional<std::string>> pickMessages;
+  std::vector<std::optional<ScrimColor>> scrims;
+  std::function<void(std::optional<std::string>)> pickDone;
+  std::function<void(const std::string&)> onScript;
+  // Answers the probe's questions as a page without window.__ondrel would.
+  std::function<std::string(const std::string&)> probeResult = [](const std::string& script) {
+    return script.find("Object.keys") != std::string::npos ? "NO __ondrel" : "undefined";
+  };
+};
+
+// A reply expression taken apart by hand, so the tests do not reuse the
+// code that builds it.
+struct Reply {
+  std::string id;
+  bool ok = false;
+  Json value;
+};
+
+inline std::optional<Reply> parseReply(const std::string& script) {
+  const std::string head = "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('";
+  const std::string tail = ") : console.error('__resolve missing') ";
+  if (script.size() < head.size() + tail.size() || script.rfind(head, 0) != 0 ||
+      script.compare(script.size() - tail.size(), tail.size(), tail) != 0) {
+    return std::nullopt;
+  }
+  const std::string inner = script.substr(head.size(), script.size() - head.size() - tail.size());
+  const size_t flag = inner.find("', ");
+  if (flag == std::string::npos || inner.size() < flag + 6 || inner.compare(flag + 4, 2, ", ") != 0 ||
+      (inner[flag + 3] != '0' && inner[flag + 3] != '1')) {
+    return std::nullopt;
+  }
+  auto value = parseJson(inner.substr(flag + 6));
+  if (!value) return std::nullopt;
+  return Reply{inner.substr(0, flag), inner[flag + 3] == '1', *value};
+}
+
+// Points HOME at a scratch folder (the defaults file lives below it) and
+// gives each test a fresh log.
+class BridgeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* home = std::getenv("HOME")) savedHome_ = home;
+    setenv("HOME", home_.path().c_str(), 1);
+    LogCapture::instance().clear();
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    for (const auto& path : played_) std::filesystem::remove(path, ignored);
+    if (savedHome_) setenv("HOME", savedHome_->c_str(), 1);
+    else unsetenv("HOME");
+  }
+
+  // Runs one action and returns its single reply, which must come at once.
+  Reply call(const Json& name, const Json& args) {
+    const size_t before = host_.scripts.size();
+    bridge_.handleNativeAction("r", name, args);
+    EXPECT_EQ(host_.scripts.size(), before + 1) << name;
+    auto reply = host_.scripts.size() == before + 1 ? parseReply(host_.scripts.back()) : std::nullopt;
+    EXPECT_TRUE(reply && reply->id == "r") << name << args;
+    return reply.value_or(Reply{});
+  }
+
+  TempDir home_;
+  std::optional<std::string> savedHome_;
+  FakeHost host_;
+  std::vector<std::string> played_;
+  Bridge bridge_{host_, [this](const std::string& path) { played_.push_back(path); }};
+};

@@ -1,0 +1,60 @@
+#include "bridge/navigation_policy.h"
+
+#include <gtest/gtest.h>
+
+#include "bridge_fakes.h"
+
+namespace {
+
+const std::string kHost = "demo.on.ondrel.example";
+
+TEST(NavigationPolicy, OnlyClickedWebLinksToOtherHostsLeaveTheView) {
+  using D = NavigationDecision;
+  const struct {
+    bool clicked;
+    std::string url;
+    D decision;
+  } cases[] = {
+      {true, "https://example.org/page", D::OpenExternally},
+      {true, "http://example.org", D::OpenExternally},
+      {true, "HTTPS://example.org/", D::OpenExternally},
+      {true, "https://DEMO.on.ondrel.example/x", D::OpenExternally},  // hosts compare exactly
+      {true, "https://other.on.ondrel.example/", D::OpenExternally},
+      {false, "https://example.org/page", D::Allow},  // script, redirect, form
+      {true, "https://demo.on.ondrel.example/chat?x=1", D::Allow},
+      {true, "http://demo.on.ondrel.example:8443/", D::Allow},  // the port is not part of the host
+      {true, "mailto:someone@example.org", D::Allow},
+      {true, "ftp://example.org/file", D::Allow},
+      {true, "about:blank", D::Allow},
+      {true, "", D::Allow},
+  };
+  for (const auto& c : cases) EXPECT_EQ(navigationDecision(c.clicked, c.url, kHost), c.decision) << c.url;
+  // A server address without a host makes every web link external.
+  EXPECT_EQ(navigationDecision(true, "http://localhost/", ""), D::OpenExternally);
+  EXPECT_EQ(navigationDecision(true, "mailto:a@b", ""), D::Allow);
+}
+
+TEST(NavigationPolicy, NewWindowsNeverOpenInTheApp) {
+  using D = NewWindowDecision;
+  const struct {
+    std::string url;
+    D decision;
+  } cases[] = {
+      {"https://example.org/", D::OpenExternally},
+      {"Http://example.org/", D::OpenExternally},
+      {"https://demo.on.ondrel.example/other", D::Ignore},
+      {"mailto:someone@example.org", D::Ignore},
+      {"javascript:void(0)", D::Ignore},
+      {"", D::Ignore},
+  };
+  for (const auto& c : cases) EXPECT_EQ(newWindowDecision(c.url, kHost), c.decision) << c.url;
+}
+
+TEST_F(BridgeTest, OpeningExternallyIsLoggedAndHandedToTheBrowser) {
+  bridge_.openExternally("https://example.org/a?b=c");
+  EXPECT_EQ(host_.opened, std::vector<std::string>{"https://example.org/a?b=c"});
+  EXPECT_EQ(LogCapture::instance().lines(),
+            std::vector<std::string>{"[External] opened in browser: https://example.org/a?b=c"});
+}
+
+}  // namespace
