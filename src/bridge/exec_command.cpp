@@ -5,6 +5,7 @@
 #include <glib.h>
 #include <poll.h>
 #include <pwd.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -172,8 +173,42 @@ int waitForExit(pid_t pid, bool* signaled) {
   return -1;
 }
 
-// statusFd, when >= 0, reaches the child as descriptor 3 and nothing else
-// beyond 0-2 does (GLib closes every other descriptor in the child).
+// A pipe whose ends are never 0-2 (so they cannot collide with the child's
+// standard descriptors or with descriptor 3) and never leak into other
+// children spawned meanwhile by other threads.
+bool makePipe(Fd& readEnd, Fd& writeEnd) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  for (int& fd : fds) {
+    if (fd <= 3) {
+      int moved = fcntl(fd, F_DUPFD_CLOEXEC, 10);
+      close(fd);
+      if (moved < 0) {
+        close(fds[0] == fd ? fds[1] : fds[0]);
+        return false;
+      }
+      fd = moved;
+    }
+  }
+  readEnd.reset(fds[0]);
+  writeEnd.reset(fds[1]);
+  return true;
+}
+
+// The same wording as GLib's spawn errors, so a launch failure reads the
+// same whichever way the child was started.
+std::string launchError(const std::string& program, const std::string& cwd, int err) {
+  struct stat st {};
+  if (stat(cwd.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || access(cwd.c_str(), X_OK) != 0)
+    return "Failed to change to directory \u201c" + cwd + "\u201d (" + g_strerror(err) + ")";
+  return "Failed to execute child process \u201c" + program + "\u201d (" + g_strerror(err) + ")";
+}
+
+// statusFd, when >= 0, reaches the child as descriptor 3; nothing else
+// beyond 0-2 does. posix_spawn starts the child without copying the app's
+// (large) address space, which a fork would, and puts every signal back to
+// its default: the app ignores SIGPIPE, and a command that inherited that
+// would see "Broken pipe" errors where a shell user sees none.
 ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string& cwd, int statusFd,
                          bool* signaled) {
   ChildRun run;
@@ -188,26 +223,43 @@ ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string
     run.error = "exec cannot use a working directory that contains a NUL character";
     return run;
   }
-  std::vector<const char*> cargv;
-  for (const auto& arg : argv) cargv.push_back(arg.c_str());
-  cargv.push_back(nullptr);
-
-  const int sourceFds[] = {statusFd};
-  const int targetFds[] = {3};
-  GPid pid = 0;
-  int outFd = -1, errFd = -1;
-  GError* error = nullptr;
-  auto flags = static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CHILD_INHERITS_STDIN |
-                                        G_SPAWN_CLOEXEC_PIPES);
-  if (!g_spawn_async_with_pipes_and_fds(cwd.c_str(), cargv.data(), nullptr, flags, nullptr, nullptr, -1, -1, -1,
-                                        statusFd >= 0 ? sourceFds : nullptr, statusFd >= 0 ? targetFds : nullptr,
-                                        statusFd >= 0 ? 1 : 0, &pid, nullptr, &outFd, &errFd, &error)) {
-    run.error = error ? error->message : "the command could not be started";
-    g_clear_error(&error);
+  Fd outRead, outWrite, errRead, errWrite;
+  if (!makePipe(outRead, outWrite) || !makePipe(errRead, errWrite)) {
+    run.error = errnoText("cannot create a pipe", errno);
     return run;
   }
-  Fd out(outFd), err(errFd);
-  drainBoth(out.get(), err.get(), run.out, run.err);
+  std::vector<char*> cargv;
+  for (const auto& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
+  cargv.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attr);
+  posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
+  if (statusFd >= 0) posix_spawn_file_actions_adddup2(&actions, statusFd, 3);
+  posix_spawn_file_actions_addclosefrom_np(&actions, statusFd >= 0 ? 4 : 3);
+  posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+  sigset_t all, none;
+  sigfillset(&all);
+  sigemptyset(&none);
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+  pid_t pid = 0;
+  int err = posix_spawn(&pid, cargv[0], &actions, &attr, cargv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  // Only the child may hold the write ends, or the reads would never end.
+  outWrite.reset();
+  errWrite.reset();
+  if (err != 0) {
+    run.error = launchError(argv[0], cwd, err);
+    return run;
+  }
+  drainBoth(outRead.get(), errRead.get(), run.out, run.err);
   bool childSignaled = false;
   run.exitStatus = waitForExit(pid, &childSignaled);
   *signaled = childSignaled;
@@ -304,13 +356,12 @@ ChildRun runChild(const std::vector<std::string>& argv, const std::string& cwd) 
 }
 
 ChildRun runSandboxed(const SandboxPaths& paths, const std::string& command) {
-  int status[2];
-  if (pipe2(status, O_CLOEXEC) != 0) {
+  Fd statusRead, statusWrite;
+  if (!makePipe(statusRead, statusWrite)) {
     ChildRun run;
     run.error = errnoText("cannot create a pipe", errno);
     return run;
   }
-  Fd statusRead(status[0]), statusWrite(status[1]);
   bool signaled = false;
   ChildRun run = spawnAndCollect(buildSandboxArgs(paths, command, 3), paths.workDir, statusWrite.get(), &signaled);
   statusWrite.reset();

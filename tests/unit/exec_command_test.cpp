@@ -1,6 +1,7 @@
 #include "bridge/exec_command.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "bridge/bridge.h"
+#include "bridge_fakes.h"
 #include "log_capture.h"
 #include "test_files.h"
 
@@ -172,6 +173,20 @@ TEST(ExecChild, SignalEndsReportTheSignalNumber) {
   EXPECT_EQ(run.exitStatus, 15);
 }
 
+TEST(ExecChild, SignalsStartWithTheirDefaults) {
+  // The app ignores SIGPIPE; a pipeline whose reader quits early must still
+  // end quietly, as it does in a terminal.
+  struct sigaction ignore {}, saved {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &ignore, &saved);
+  ChildRun run = runChild({"/bin/sh", "-c", "yes | head -n 1"}, "/");
+  sigaction(SIGPIPE, &saved, nullptr);
+  ASSERT_TRUE(run.launched);
+  EXPECT_EQ(run.out, "y\n");
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.exitStatus, 0);
+}
+
 TEST(ExecChild, OnlyTheStandardDescriptorsReachTheChild) {
   int leaky = dup2(STDIN_FILENO, 57);  // deliberately without O_CLOEXEC
   ASSERT_EQ(leaky, 57);
@@ -313,16 +328,6 @@ TEST_F(ExecTest, SeveralCommandsRunAtOnce) {
 
 namespace {
 
-class ScriptRecorder : public BridgeHost {
- public:
-  void evaluateScript(const std::string& script) override { scripts.push_back(script); }
-  void evaluateScriptForResult(const std::string&, std::function<void(const std::string&, const std::string&)>) override {}
-  void pickDirectory(const std::optional<std::string>&, std::function<void(std::optional<std::string>)>) override {}
-  void setChromeScrim(const std::optional<ScrimColor>&) override {}
-  void openInBrowser(const std::string&) override {}
-  std::vector<std::string> scripts;
-};
-
 void spinUntil(const std::function<bool()>& done) {
   const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
   while (!done() && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, TRUE);
@@ -331,7 +336,7 @@ void spinUntil(const std::function<bool()>& done) {
 TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   LogCapture::instance();  // keeps the bridge's log lines out of the test output
-  ScriptRecorder host;
+  FakeHost host;
   Bridge bridge(host, [](const std::string&) {});
   registerExecAction(bridge);
 
@@ -339,10 +344,18 @@ TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
   bridge.didReceiveScriptMessage(Json{{"__reqId", "r8"}, {"name", "exec"}, {"args", {nullptr, "true"}}});
   // The argument error is answered at once, the command later.
   ASSERT_EQ(host.scripts.size(), 1u);
-  EXPECT_EQ(host.scripts[0], bridgeReplyExpression("r8", false, R"("exec expects [dir, command]")"));
+  auto refused = parseReply(host.scripts[0]);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->id, "r8");
+  EXPECT_FALSE(refused->ok);
+  EXPECT_EQ(refused->value, "exec expects [dir, command]");
   spinUntil([&] { return host.scripts.size() == 2; });
   ASSERT_EQ(host.scripts.size(), 2u);
-  EXPECT_EQ(host.scripts[1], bridgeReplyExpression("7", true, R"({"exit":2,"stdout":"a\"b","stderr":""})"));
+  auto answered = parseReply(host.scripts[1]);
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(answered->id, "7");
+  EXPECT_TRUE(answered->ok);
+  EXPECT_EQ(answered->value, Json::parse(R"({"exit": 2, "stdout": "a\"b", "stderr": ""})"));
 }
 
 }  // namespace
