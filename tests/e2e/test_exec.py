@@ -20,10 +20,13 @@ from exec_client import ExecClient, remove_tree, user_home_base
 IS_ROOT = os.geteuid() == 0
 pytestmark = pytest.mark.skipif(not os.access("/usr/bin/bwrap", os.X_OK), reason="bubblewrap is not installed")
 
-# A shell helper for escape attempts: prints "label: held" when the attempt
-# fails and "label: ESCAPED" when it succeeds.
+# A shell helper for attempts made from inside: prints "label: failed" or
+# "label: succeeded". Escape attempts are paired with controls, the same
+# operation on something the command may change, so that an attempt cannot
+# pass merely because a tool is missing or behaves differently.
 PROBE = r'''
-t() { label=$1; shift; if ( "$@" ) >/dev/null 2>&1; then echo "$label: ESCAPED"; else echo "$label: held"; fi; }
+t() { label=$1; shift; if ( "$@" ) >/dev/null 2>&1; then echo "$label: succeeded"; else echo "$label: failed"; fi; }
+PY=/usr/bin/python3
 '''
 
 
@@ -31,16 +34,21 @@ def outcomes(reply) -> dict[str, str]:
     result = {}
     for line in reply.stdout.splitlines():
         label, _, verdict = line.rpartition(": ")
-        if verdict in ("held", "ESCAPED", "done"):
+        if verdict in ("failed", "succeeded"):
             result[label] = verdict
     return result
 
 
-def assert_all_held(reply, labels):
+def assert_outcomes(reply, failed=(), succeeded=()):
     seen = outcomes(reply)
-    assert set(seen) == set(labels), f"attempts that did not report: {reply.stdout!r} {reply.stderr!r}"
-    escaped = [label for label, verdict in seen.items() if verdict != "held"]
-    assert not escaped, f"escaped: {escaped}"
+    expected = {**{label: "failed" for label in failed}, **{label: "succeeded" for label in succeeded}}
+    assert set(seen) == set(expected), f"attempts that did not report: {reply.stdout!r} {reply.stderr!r}"
+    wrong = {label: verdict for label, verdict in seen.items() if verdict != expected[label]}
+    assert not wrong, f"unexpected outcomes: {wrong}"
+
+
+def assert_all_held(reply, labels):
+    assert_outcomes(reply, failed=labels)
 
 
 @pytest.fixture(params=["self", "nobody"])
@@ -177,8 +185,7 @@ def test_allowed_places_are_writable(start):
             t vartmp touch /var/tmp/{name}
             t devnull sh -c 'echo x > /dev/null'
         ''', directory="~/work")
-        verdicts = {label: v for label, v in (line.split(": ") for line in r.stdout.splitlines())}
-        assert verdicts == {k: "ESCAPED" for k in ("home", "workdir", "tmpdir", "tmp", "vartmp", "devnull")}, r.stdout
+        assert_outcomes(r, succeeded=["home", "workdir", "tmpdir", "tmp", "vartmp", "devnull"])
         for path in (c.home / name, c.home / "work" / name, tmpdir / name, Path("/tmp") / name,
                      Path("/var/tmp") / name):
             assert path.exists(), path
@@ -196,11 +203,12 @@ def test_system_and_outside_folders_are_read_only(start, scratch_outside):
         t usr touch /usr/{name}
         t outside touch {scratch_outside}/{name}
         t sys sh -c 'echo 1 > /sys/kernel/mm/ksm/run'
+        t control_tmp touch /tmp/{name}
     ''')
     try:
-        assert_all_held(r, ["etc", "usr", "outside", "sys"])
+        assert_outcomes(r, failed=["etc", "usr", "outside", "sys"], succeeded=["control_tmp"])
     finally:
-        for leftover in (Path("/etc") / name, Path("/usr") / name):
+        for leftover in (Path("/etc") / name, Path("/usr") / name, Path("/tmp") / name):
             if leftover.exists():
                 leftover.unlink()
     assert not list(scratch_outside.iterdir())
@@ -230,8 +238,9 @@ def test_known_hosts_cannot_be_written_even_without_ssh_folder(start):
         t known_hosts sh -c 'echo host > "$HOME/.ssh/known_hosts"'
         t gnupg_file touch "$HOME/.gnupg/pubring.kbx"
         t gnupg_dir mkdir "$HOME/.gnupg/private-keys-v1.d"
+        t control_home sh -c 'echo host > "$HOME/known_hosts"'
     ''')
-    assert_all_held(r, ["known_hosts", "gnupg_file", "gnupg_dir"])
+    assert_outcomes(r, failed=["known_hosts", "gnupg_file", "gnupg_dir"], succeeded=["control_home"])
     for name in (".ssh", ".gnupg"):
         info = (c.home / name).lstat()
         assert stat.S_ISDIR(info.st_mode), name
@@ -249,31 +258,37 @@ def test_protected_files_resist_every_kind_of_change(start):
     before = key.stat()
     r = c.run(PROBE + '''
         k="$HOME/.ssh/id_ed25519"
-        t write sh -c "echo changed > $k"
-        t append sh -c "echo more >> $k"
+        echo plain > "$HOME/plain"; mkdir "$HOME/folder"; o="$HOME/plain"
+        for target in "$k" "$o"; do
+          [ "$target" = "$k" ] && p= || p=control_
+          t ${p}chmod chmod 644 "$target"
+          t ${p}utime touch -d 2001-01-01 "$target"
+          t ${p}xattr $PY -c "import os,sys; os.setxattr(sys.argv[1], 'user.x', b'1')" "$target"
+          t ${p}append sh -c "echo more >> $target"
+          t ${p}write sh -c "echo changed > $target"
+          t ${p}via_proc_self sh -c "echo x > /proc/self/root$target"
+          t ${p}hard_link ln "$target" "$HOME/linked-$p"
+          t ${p}rename_file mv "$target" "$HOME/moved-$p"
+        done
         t remove rm -f "$k"
-        t chmod chmod 644 "$k"
-        t utime touch -d 2001-01-01 "$k"
-        t xattr python3 -c "import os,sys; os.setxattr(sys.argv[1], 'user.x', b'1')" "$k"
         t rename_folder mv "$HOME/.ssh" "$HOME/ssh-away"
-        t rename_file mv "$k" "$HOME/stolen"
-        t hard_link ln "$k" "$HOME/linked-key"
+        t control_rename_folder mv "$HOME/folder" "$HOME/folder-away"
         t remount mount -o remount,rw "$HOME/.ssh"
         t bind_over mount --bind /tmp "$HOME/.ssh"
         t umount umount "$HOME/.ssh"
         t umount_lazy umount -l "$HOME/.ssh"
         t new_userns unshare -Ur true
         t new_mountns unshare -m true
-        t via_proc_self sh -c "echo x > /proc/self/root$k"
     ''')
-    assert_all_held(r, ["write", "append", "remove", "chmod", "utime", "xattr", "rename_folder", "rename_file",
-                        "hard_link", "remount", "bind_over", "umount", "umount_lazy", "new_userns",
-                        "new_mountns", "via_proc_self"])
+    attempts = ["chmod", "utime", "xattr", "append", "write", "via_proc_self", "hard_link", "rename_file"]
+    assert_outcomes(r, failed=attempts + ["remove", "rename_folder", "remount", "bind_over", "umount",
+                                          "umount_lazy", "new_userns", "new_mountns"],
+                    succeeded=[f"control_{a}" for a in attempts] + ["control_rename_folder"])
     after = key.stat()
     assert key.read_text() == "secret\n"
     assert (stat.S_IMODE(after.st_mode), after.st_mtime_ns) == (stat.S_IMODE(before.st_mode), before.st_mtime_ns)
     assert os.listxattr(key) == []
-    assert not (c.home / "linked-key").exists() and not (c.home / "ssh-away").exists()
+    assert not (c.home / "linked-").exists() and not (c.home / "ssh-away").exists()
 
 
 def test_working_directory_linked_to_ssh_stays_read_only(start):
@@ -286,6 +301,7 @@ def test_working_directory_linked_to_ssh_stays_read_only(start):
     for directory in ("~/keys", "~/.ssh", "~/.gnupg/sub"):
         r = c.run(PROBE + "t cwd touch ./authorized_keys\n", directory=directory)
         assert_all_held(r, ["cwd"])
+    assert_outcomes(c.run(PROBE + "t cwd touch ./made\n", directory="~"), succeeded=["cwd"])
     assert list((c.home / ".ssh").iterdir()) == []
     assert list((c.home / ".gnupg" / "sub").iterdir()) == []
 
@@ -316,8 +332,12 @@ def test_hard_link_to_a_protected_file_is_never_written(start):
     assert (c.home / ".gnupg" / "trustdb.gpg").read_text() == "trust\n"
     # Made from inside: the two mounts refuse to share the inode.
     (c.home / "trust-link").unlink()
-    r = c.run(PROBE + 't link ln "$HOME/.gnupg/trustdb.gpg" "$HOME/inside-link"\n')
-    assert_all_held(r, ["link"])
+    r = c.run(PROBE + '''
+        t link ln "$HOME/.gnupg/trustdb.gpg" "$HOME/inside-link"
+        echo x > "$HOME/mine"
+        t control_link ln "$HOME/mine" "$HOME/mine-link"
+    ''')
+    assert_outcomes(r, failed=["link"], succeeded=["control_link"])
     assert not (c.home / "inside-link").exists()
 
 
@@ -335,12 +355,18 @@ def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
         t app_fd sh -c 'for f in /proc/{app}/fd/*; do [ -e "$f" ] && exit 0; done; exit 1'
         t app_environ cat /proc/{app}/environ
         t init_root ls /proc/1/root/
-        t ptrace python3 -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, {app}, 0, 0) != 0)"
+        t ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, {app}, 0, 0) != 0)"
+        sleep 5 & own=$!
+        t control_ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, $own, 0, 0) != 0)"
+        t control_root ls /proc/$own/root/
+        t control_environ cat /proc/$own/environ
+        kill $own
         ls /proc/$$/fd > "$HOME/fds.out"  # the shell's own descriptors, none opened for the listing
         echo "fds: $(tr '\\n' ' ' < "$HOME/fds.out")"
     ''')
-    assert_all_held(r, ["app_root", "app_root_write", "app_ssh", "app_cwd", "app_fd", "app_environ", "init_root",
-                        "ptrace"])
+    assert_outcomes(r, failed=["app_root", "app_root_write", "app_ssh", "app_cwd", "app_fd", "app_environ",
+                               "init_root", "ptrace"],
+                    succeeded=["control_ptrace", "control_root", "control_environ"])
     assert "fds: 0 1 2 \n" in r.stdout
     assert not Path("/var/tmp/ondrel-e2e-proc-escape").exists()
     assert not (c.home / "escape").exists()
@@ -352,7 +378,7 @@ def test_kernel_settings_stay_read_only(start):
     # were let through.
     r = c.run(PROBE + '''
         for s in kernel/core_pattern kernel/modprobe kernel/hostname; do
-          [ -r /proc/sys/$s ] || { echo "$s: held"; continue; }
+          [ -r /proc/sys/$s ] || { echo "$s: failed"; continue; }
           v=$(cat /proc/sys/$s)
           t "$s" sh -c "printf '%s\\n' '$v' > /proc/sys/$s"
         done
