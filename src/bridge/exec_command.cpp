@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -412,6 +411,14 @@ void execCommand(const Json& args, ExecReply reply) {
     } catch (const std::exception& e) {
       ok = false;
       value = std::string("exec failed: ") + e.what();
+    }
+    // Failure texts quote paths and bubblewrap's messages, which need not be
+    // UTF-8; the reply must be valid JSON text.
+    if (value.is_string() && !isValidUtf8(value.get_ref<const std::string&>())) {
+      const auto& text = value.get_ref<const std::string&>();
+      gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+      value = std::string(valid);
+      g_free(valid);
     }
     runOnMain([shared, ok, value = std::move(value)] { (*shared)(ok, value); });
   };

@@ -261,69 +261,6 @@ TEST_F(ExecTest, CommandRunsConfinedAndAnswersOnTheMainThread) {
   EXPECT_FALSE(fs::exists(dir_.path() / ".gnupg/x"));
 }
 
-TEST_F(ExecTest, FailuresBeforeTheCommandAreFailureTexts) {
-  if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
-  Answer missing = run("~/does-not-exist", "echo should not run");
-  EXPECT_FALSE(missing.ok);
-  ASSERT_TRUE(missing.value.is_string());
-  EXPECT_NE(missing.value.get<std::string>().find(home() + "/does-not-exist"), std::string::npos)
-      << missing.value.dump();
-
-  fs::remove_all(dir_.path() / ".ssh");  // made by the call above
-  fs::create_directory(dir_.path() / "keys");
-  fs::create_directory_symlink(dir_.path() / "keys", dir_.path() / ".ssh");
-  Answer linked = run(home(), "touch ran");
-  EXPECT_FALSE(linked.ok);
-  EXPECT_NE(linked.value.get<std::string>().find("symbolic link"), std::string::npos);
-  EXPECT_FALSE(fs::exists(dir_.path() / "ran")) << "nothing may run when the sandbox is refused";
-}
-
-TEST_F(ExecTest, TmpDirIsWritableUnlessItWouldExposeTooMuch) {
-  if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
-  TempDir tmp;
-  setenv("TMPDIR", tmp.path().c_str(), 1);
-  Answer a = run(home(), "echo t > \"$TMPDIR/t\" && echo ok");
-  ASSERT_TRUE(a.ok) << a.value.dump();
-  EXPECT_EQ(a.value["stdout"], "ok\n") << a.value.dump();
-
-  // TMPDIR=/ must not make the whole file system writable.
-  setenv("TMPDIR", "/", 1);
-  Answer root = run(home(), "touch /usr/ondrel-escape 2>/dev/null && echo escaped; echo done");
-  ASSERT_TRUE(root.ok) << root.value.dump();
-  EXPECT_EQ(root.value["stdout"], "done\n");
-  EXPECT_FALSE(fs::exists("/usr/ondrel-escape"));
-}
-
-TEST_F(ExecTest, SeveralCommandsRunAtOnce) {
-  if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
-  // Each waits (boundedly) for the other's mark: both succeed only when they
-  // run side by side.
-  const std::string wait = "for i in $(seq 200); do [ -e %s ] && exit 0; sleep 0.05; done; exit 1";
-  auto command = [&](const char* mine, const char* theirs) {
-    std::string w = wait;
-    w.replace(w.find("%s"), 2, theirs);
-    return std::string("touch ") + mine + "; " + w;
-  };
-  const std::string mainThreadDir = home();
-  std::optional<std::pair<bool, Json>> first, second;
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  int pending = 2;
-  auto done = [&](std::optional<std::pair<bool, Json>>& slot) {
-    return [&slot, &pending, loop](bool ok, const Json& value) {
-      slot = {ok, value};
-      if (--pending == 0) g_main_loop_quit(loop);
-    };
-  };
-  execCommand(Json::array({mainThreadDir, command("a.mark", "b.mark")}), done(first));
-  execCommand(Json::array({mainThreadDir, command("b.mark", "a.mark")}), done(second));
-  g_main_loop_run(loop);
-  g_main_loop_unref(loop);
-  ASSERT_TRUE(first && second);
-  EXPECT_TRUE(first->first && second->first);
-  EXPECT_EQ(first->second["exit"], 0) << first->second.dump();
-  EXPECT_EQ(second->second["exit"], 0) << second->second.dump();
-}
-
 }  // namespace
 
 namespace {
@@ -331,6 +268,23 @@ namespace {
 void spinUntil(const std::function<bool()>& done) {
   const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
   while (!done() && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, TRUE);
+}
+
+TEST_F(ExecTest, SandboxSetupFailuresAreLaunchFailures) {
+  if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
+  // bubblewrap exits 1 with its message when it cannot build the sandbox;
+  // that must not pass for the command's own exit status.
+  ChildRun broken = runSandboxed({"/no/such/home", "/", std::nullopt}, "echo ran");
+  EXPECT_FALSE(broken.launched);
+  EXPECT_EQ(broken.out, "");
+  EXPECT_NE(broken.error.find("/no/such/home"), std::string::npos) << broken.error;
+
+  // A command that looks just like that failure is still a result.
+  ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
+  ChildRun lookalike = runSandboxed({home(), home(), std::nullopt}, "echo 'bwrap: no' >&2; exit 1");
+  EXPECT_TRUE(lookalike.launched) << lookalike.error;
+  EXPECT_EQ(lookalike.exitStatus, 1);
+  EXPECT_EQ(lookalike.err, "bwrap: no\n");
 }
 
 TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
