@@ -2,6 +2,7 @@
 
 #include "app/traffic_light_button_gtk.h"
 #include "app/ui_globals_gtk.h"
+#include "base/paths.h"
 
 namespace {
 
@@ -43,6 +44,8 @@ void GtkBridgeHost::pickDirectory(const std::optional<std::string>& message,
       message ? message->c_str() : "Choose a Folder", window_, GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER, nullptr, nullptr);
   gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
   gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser), FALSE);
+  // Start where projects live rather than in "Recent".
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), ondrelHomeDir().c_str());
   auto* callback = new std::function<void(std::optional<std::string>)>(std::move(done));
   g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
                      std::unique_ptr<std::function<void(std::optional<std::string>)>> done(

@@ -154,6 +154,7 @@ gboolean onRunFileChooser(WebKitWebView*, WebKitFileChooserRequest* request, Del
   gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
   gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser),
                                        webkit_file_chooser_request_get_select_multiple(request));
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), ondrelHomeDir().c_str());
   g_object_ref(request);
   g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
                      auto* request = static_cast<WebKitFileChooserRequest*>(data);

@@ -590,6 +590,8 @@ class App:
             "XDG_RUNTIME_DIR": str(self._runtime_dir()),
             # A private session bus would need a daemon; none is wanted.
             "DBUS_SESSION_BUS_ADDRESS": "disabled:",
+            # Choosers save their state through GSettings; keep it in memory.
+            "GSETTINGS_BACKEND": "memory",
         }
         if language is not None:
             self.env["LANGUAGE"] = language
