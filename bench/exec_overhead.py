@@ -29,6 +29,27 @@ sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 from exec_client import ExecClient  # noqa: E402
 from harness import Screen, WebServer, Xvfb  # noqa: E402
 
+# Runs in the page: one "exec" of `true`, timed from postMessage to the
+# app's __resolve (the page's own __resolve is passed every other reply).
+TIMED_EXEC = """
+const ondrel = window.__ondrel;
+const original = ondrel.__resolve;
+const id = 'bench-' + Math.random().toString(36).slice(2);
+try {
+  return await new Promise((resolve, reject) => {
+    ondrel.__resolve = function (reqId, ok, value) {
+      if (reqId !== id) return original.apply(this, arguments);
+      const ms = performance.now() - t0;
+      if (ok === 1 && value.exit === 0) resolve(ms); else reject(new Error(JSON.stringify(value)));
+    };
+    const t0 = performance.now();
+    window.webkit.messageHandlers.ondrel.postMessage({ __reqId: id, name: 'exec', args: ['~', 'true'] });
+  });
+} finally {
+  ondrel.__resolve = original;
+}
+"""
+
 
 def bwrap_args(home: str, work: str, command: str) -> list[str]:
     # The list the app builds for a home without TMPDIR (see sandbox_args.cpp).
@@ -69,7 +90,7 @@ def main() -> int:
             for _ in range(args.n):
                 plain.append(timed_ms(["/bin/bash", "-lc", "true"], env, real_home))
                 bwrap.append(timed_ms(bwrap_args(real_home, real_home, "true"), env, real_home))
-                bridge.append(client.run("true").ms)
+                bridge.append(client.bridge.run(TIMED_EXEC))
         finally:
             if client:
                 client.stop()

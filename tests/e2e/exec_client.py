@@ -1,35 +1,28 @@
 """Runs "exec" requests through a real app window, as the page would.
 
-The app loads pages/exec.html with a private queue path on the test web
-server; requests put on that queue are posted by the page to the bridge, and
-the page reports each reply back.
+An app with its own HOME shows the bridge page (BridgeClient); requests are
+posted from the page and answered through the real bridge. The app can run
+as an unprivileged user, for which HOME and its runtime folder are handed
+over to that user.
 """
 
 from __future__ import annotations
 
-import itertools
-import json
 import os
-import queue
-import shutil
 import tempfile
-import uuid
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Iterable
 
-from harness import BINARY, App, Screen, Timeout, WebServer
+from bridge_client import BridgeClient
+from harness import BINARY, App, Screen, WebServer
 
 UNPRIVILEGED_UID = 65534  # nobody: present on every Debian system
 
-_ids = itertools.count(1)
-
 
 @dataclass
-class Reply:
+class Result:
     ok: bool
     value: object
-    ms: float  # from the page's postMessage to its __resolve
 
     @property
     def stdout(self) -> str:
@@ -45,35 +38,22 @@ class Reply:
 
 
 class ExecClient:
-    """One app showing exec.html, with its own HOME, driven through a queue.
-
-    user=True runs the app as an unprivileged user (needs root to set up):
-    HOME and the runtime folder then belong to that user.
-    """
-
     def __init__(self, screen: Screen, web: WebServer, home: Path, *, user: bool = False,
                  env: dict | None = None, binary: str = BINARY):
-        self.web = web
         self.home = Path(home)
         self.user = user
-        self.token = uuid.uuid4().hex
-        self._queue: queue.Queue = queue.Queue()
-        path = f"/exec-queue/{self.token}"
-        web.route(path, self._serve_queue)
-        url = web.url(f"exec.html?queue={path}")
+        self.bridge = BridgeClient(web)
         if user:
             args = [f"--reuid={UNPRIVILEGED_UID}", f"--regid={UNPRIVILEGED_UID}", "--clear-groups",
-                    "--", binary, url]
+                    "--", binary, self.bridge.url]
             self.app = App(screen, self.home, args=args, env=env, binary="/usr/bin/setpriv")
-            self.own(self.home)
+            self.own(self.home)  # including the runtime folder App made
         else:
-            self.app = App(screen, self.home, args=[url], env=env, binary=binary)
+            self.app = App(screen, self.home, args=[self.bridge.url], env=env, binary=binary)
 
     def start(self) -> "ExecClient":
-        since = self.web.mark()
         self.app.start()
-        self.web.wait_for_report("exec-page-ready", timeout=30, since=since,
-                                 where=lambda d: self.token in str(d.get("queue")))
+        self.bridge.attach(self.app).wait_ready(timeout=30)
         return self
 
     def own(self, *paths: Path):
@@ -87,36 +67,22 @@ class ExecClient:
                     for name in dirs + files:
                         os.lchown(os.path.join(root, name), UNPRIVILEGED_UID, UNPRIVILEGED_UID)
 
-    def _serve_queue(self, handler):
-        items = []
-        try:
-            items.append(self._queue.get(timeout=5))
-            while True:
-                items.append(self._queue.get_nowait())
-        except queue.Empty:
-            pass
-        return 200, "application/json", json.dumps(items).encode()
+    def send(self, args: list) -> str:
+        """Posts an "exec" request with exactly these arguments; returns its request id."""
+        return self.bridge.request("exec", *args)
 
-    def send(self, args: list, name: str = "exec") -> str:
-        req_id = f"{self.token[:8]}-{next(_ids)}"
-        self._queue.put({"reqId": req_id, "name": name, "args": args})
-        return req_id
+    def wait(self, req_id: str, timeout: float = 60) -> Result:
+        reply = self.bridge.wait_reply(req_id, timeout)
+        return Result(reply.ok, reply.value)
 
-    def wait(self, req_id: str, timeout: float = 60) -> Reply:
-        resolved = self.web.wait_for_report("resolved", timeout=timeout,
-                                            where=lambda d: d.get("reqId") == req_id)
-        sent = self.web.wait_for_report("sent", timeout=1, where=lambda d: d.get("reqId") == req_id)
-        return Reply(resolved.data["ok"], resolved.data["value"],
-                     resolved.data["t"] - sent.data["t"])
-
-    def call(self, directory, command, timeout: float = 60) -> Reply:
+    def call(self, directory, command, timeout: float = 60) -> Result:
         return self.wait(self.send([directory, command]), timeout)
 
-    def run(self, command: str, directory: str = "~", timeout: float = 60) -> Reply:
+    def run(self, command: str, directory: str = "~", timeout: float = 60) -> Result:
         """A command that must be answered with ok true."""
-        reply = self.call(directory, command, timeout)
-        assert reply.ok, f"exec failed: {reply.value!r}"
-        return reply
+        result = self.call(directory, command, timeout)
+        assert result.ok, f"exec failed: {result.value!r}"
+        return result
 
     def stop(self):
         self.app.kill()
@@ -127,14 +93,3 @@ def user_home_base() -> Path:
     base = Path(tempfile.mkdtemp(prefix="ondrel-e2e-"))
     os.chmod(base, 0o755)
     return base
-
-
-def remove_tree(path: Path):
-    shutil.rmtree(path, ignore_errors=True)
-
-
-def lines_with(text: str, marker: str) -> Iterable[str]:
-    return [line for line in text.splitlines() if marker in line]
-
-
-__all__ = ["ExecClient", "Reply", "Timeout", "UNPRIVILEGED_UID", "user_home_base", "remove_tree", "lines_with"]

@@ -15,7 +15,7 @@ from pathlib import Path
 
 import pytest
 
-from exec_client import ExecClient, remove_tree, user_home_base
+from exec_client import ExecClient, user_home_base
 
 IS_ROOT = os.geteuid() == 0
 pytestmark = pytest.mark.skipif(not os.access("/usr/bin/bwrap", os.X_OK), reason="bubblewrap is not installed")
@@ -89,7 +89,7 @@ def start(screen, web, tmp_path, mode, request):
             print(f"[e2e] {request.node.name} ({mode}) log:\n{client.app.log_text()}")
         client.stop()
     for base in bases:
-        remove_tree(base)
+        shutil.rmtree(base, ignore_errors=True)
 
 
 @pytest.fixture
