@@ -168,31 +168,34 @@ def test_several_commands_run_at_once(start):
 # --- what the sandbox lets through -----------------------------------------
 
 
-def test_allowed_places_are_writable(start):
-    tmpdir = Path("/var/tmp") / f"ondrel-e2e-tmpdir-{uuid.uuid4().hex[:8]}"
+def test_allowed_places_are_writable(start, scratch_outside):
+    # TMPDIR outside every other writable place, so only its own bind can
+    # make it writable.
+    tmpdir = scratch_outside / "tmpdir"
     tmpdir.mkdir()
     os.chmod(tmpdir, 0o1777)
+    c = start(env={"TMPDIR": str(tmpdir)})
+    (c.home / "work").mkdir()
+    c.own(c.home / "work")
+    name = f"ondrel-e2e-{uuid.uuid4().hex[:8]}"
+    r = c.run(PROBE + f'''
+        t home touch "$HOME/{name}"
+        t workdir touch ./{name}
+        t tmpdir touch "$TMPDIR/{name}"
+        t tmp touch /tmp/{name}
+        t vartmp touch /var/tmp/{name}
+        t devnull sh -c 'echo x > /dev/null'
+        t beside_tmpdir touch {scratch_outside}/{name}
+    ''', directory="~/work")
     try:
-        c = start(env={"TMPDIR": str(tmpdir)})
-        (c.home / "work").mkdir()
-        c.own(c.home / "work")
-        name = f"ondrel-e2e-{uuid.uuid4().hex[:8]}"
-        r = c.run(PROBE + f'''
-            t home touch "$HOME/{name}"
-            t workdir touch ./{name}
-            t tmpdir touch "$TMPDIR/{name}"
-            t tmp touch /tmp/{name}
-            t vartmp touch /var/tmp/{name}
-            t devnull sh -c 'echo x > /dev/null'
-        ''', directory="~/work")
-        assert_outcomes(r, succeeded=["home", "workdir", "tmpdir", "tmp", "vartmp", "devnull"])
+        assert_outcomes(r, succeeded=["home", "workdir", "tmpdir", "tmp", "vartmp", "devnull"],
+                        failed=["beside_tmpdir"])
         for path in (c.home / name, c.home / "work" / name, tmpdir / name, Path("/tmp") / name,
                      Path("/var/tmp") / name):
             assert path.exists(), path
-            if path.parent in (Path("/tmp"), Path("/var/tmp")):
-                path.unlink()
     finally:
-        shutil.rmtree(tmpdir, ignore_errors=True)
+        for shared in (Path("/tmp") / name, Path("/var/tmp") / name):
+            shared.unlink(missing_ok=True)
 
 
 def test_system_and_outside_folders_are_read_only(start, scratch_outside):
