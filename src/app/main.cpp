@@ -12,7 +12,9 @@
 #include "base/server_address.h"
 #include "bridge/bridge.h"
 #include "bridge/exec_command.h"
+#include "bridge/mcp_actions.h"
 #include "bridge/web_view_delegate_gtk.h"
+#include "mcp/client_mcp.h"
 
 int main(int argc, char** argv) {
   // A child's closed pipe must never kill the app.
@@ -24,7 +26,11 @@ int main(int argc, char** argv) {
   g_set_prgname("ondrel");
   gtk_init(&argc, &argv);
 
-  // (Start the MCP registry here, before any window exists, once it lands.)
+  // MCP servers start before any window exists; they are stopped on the one
+  // quit path.
+  ClientMcp::loadConfig();
+  ClientMcp::watchConfigFile();
+  addQuitHook(ClientMcp::shutdown);
 
   auto quitOnSignal = +[](gpointer) -> gboolean {
     ondrelQuit();
@@ -36,12 +42,16 @@ int main(int argc, char** argv) {
   // (Apply an update scheduled for this start here, once self-update lands.)
 
   const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
-  if (!server) return 0;
+  if (!server) {
+    ondrelQuit();  // runs the quit hooks, so the servers end with us
+    return 0;
+  }
 
   createMainWindow();
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
   auto* bridge = new Bridge(*host);  // lives until exit, like the window
   registerExecAction(*bridge);
+  registerMcpActions(*bridge);
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
   showMainWindow(*server);
 

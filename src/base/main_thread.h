@@ -1,8 +1,22 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 // The only place that knows about the main loop. Both are callable from any
 // thread; the work runs on the main thread in the order it was queued.
 void runOnMain(std::function<void()> fn);
 void runOnMainAfter(double seconds, std::function<void()> fn);
+
+// A delayed call on the main thread that can be called off. Callers that arm
+// one timer per request (and most requests finish long before it) cancel it,
+// so the main loop is not left scanning thousands of dead timers.
+class MainTimer {
+ public:
+  virtual ~MainTimer() = default;
+  // Callable from any thread; a timer that already ran or was called off
+  // stays as it is. Dropping the handle does not call the timer off.
+  virtual void cancel() = 0;
+};
+
+std::shared_ptr<MainTimer> runOnMainAfterCancellable(double seconds, std::function<void()> fn);

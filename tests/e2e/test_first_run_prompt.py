@@ -52,7 +52,9 @@ def test_return_accepts_the_demo_address(launch):
     app.main_window()
     poll(lambda: not prompt.is_viewable(), 5, message="the prompt stayed on screen")
     assert f'[Server] saved "server" to {app.config_path}' in app.messages()
-    assert json.loads(app.read_config_text()) == {"server": demo_url()}
+    # The MCP registry created the file at start with its empty "mcpServers";
+    # the answer is saved beside it.
+    assert json.loads(app.read_config_text()) == {"mcpServers": {}, "server": demo_url()}
 
 
 @pytest.mark.parametrize("how", ["escape", "close-request"])
@@ -67,6 +69,7 @@ def test_cancelling_ends_quietly_without_main_window(launch, map_watcher, how):
 
     assert app.wait_exit() == 0
     assert "[Server] no server chosen — startup cancelled" in app.messages()
-    assert app.read_config_text() is None
+    # Only the MCP registry's default content: no server was saved.
+    assert json.loads(app.read_config_text()) == {"mcpServers": {}}
     widths = [m["width"] for m in map_watcher.maps_of(app.pid)]
     assert widths and all(w < 1000 for w in widths), f"windows mapped by the app: {widths}"

@@ -1,0 +1,56 @@
+#include "bridge/mcp_actions.h"
+
+#include <optional>
+#include <string>
+
+#include "bridge/bridge.h"
+#include "mcp/client_mcp.h"
+
+namespace {
+
+// Positional arguments: an element of the wrong type counts as absent.
+const Json* argAt(const Json& args, size_t index) {
+  if (!args.is_array() || index >= args.size()) return nullptr;
+  return &args[index];
+}
+
+std::optional<std::string> stringArg(const Json& args, size_t index) {
+  const Json* value = argAt(args, index);
+  if (!value || !value->is_string()) return std::nullopt;
+  return value->get<std::string>();
+}
+
+}  // namespace
+
+void registerMcpActions(Bridge& bridge) {
+  // The bridge lives as long as the process, so the replies may hold it.
+  Bridge* b = &bridge;
+
+  bridge.addAction("mcpServers", [b](const Json& reqId, const Json&) {
+    ClientMcp::listServersWithCompletion([b, reqId](Json servers) {
+      b->replyToJS(reqId, true, servers.is_array() ? servers : Json::array());
+    });
+  });
+
+  bridge.addAction("mcpReadConfig",
+                   [b](const Json& reqId, const Json&) { b->replyToJS(reqId, true, ClientMcp::readConfig()); });
+
+  bridge.addAction("mcpWriteConfig", [b](const Json& reqId, const Json& args) {
+    auto content = stringArg(args, 0);
+    if (!content) {
+      b->replyToJS(reqId, false, "mcpWriteConfig expects [content]");
+      return;
+    }
+    if (auto error = ClientMcp::writeConfig(*content)) b->replyToJS(reqId, false, *error);
+    else b->replyToJS(reqId, true, Json{{"ok", true}});
+  });
+
+  bridge.addAction("mcpCall", [b](const Json& reqId, const Json& args) {
+    const Json* arguments = argAt(args, 2);
+    // Failures travel inside the value; the reply itself always succeeds.
+    ClientMcp::callTool(stringArg(args, 0), stringArg(args, 1),
+                        arguments && arguments->is_object() ? *arguments : Json::object(), [b, reqId](Json result) {
+                          b->replyToJS(reqId, true, result.is_object() ? result : Json::object());
+                        });
+  });
+}

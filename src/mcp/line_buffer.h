@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+// Splits a byte stream into lines at 0x0A. Bytes arrive in chunks of any
+// size; a line split over several chunks comes out once, whole. Empty lines
+// are skipped. A line longer than the cap is dropped up to its newline, so a
+// server printing without end cannot exhaust memory.
+class LineBuffer {
+ public:
+  explicit LineBuffer(size_t maxLine = size_t(256) << 20) : maxLine_(maxLine) {}
+
+  template <class OnLine>
+  void append(const char* data, size_t size, OnLine&& onLine) {
+    if (discarding_) {
+      const void* nl = std::memchr(data, '\n', size);
+      if (!nl) return;
+      discarding_ = false;
+      size_t skip = static_cast<const char*>(nl) - data + 1;
+      data += skip;
+      size -= skip;
+    }
+    buffer_.append(data, size);
+    size_t start = 0;
+    for (;;) {
+      const void* nl = std::memchr(buffer_.data() + scanned_, '\n', buffer_.size() - scanned_);
+      if (!nl) break;
+      size_t end = static_cast<const char*>(nl) - buffer_.data();
+      if (end > start) onLine(std::string_view(buffer_.data() + start, end - start));
+      start = end + 1;
+      scanned_ = start;
+    }
+    buffer_.erase(0, start);
+    scanned_ = buffer_.size();
+    if (buffer_.size() > maxLine_) {
+      buffer_.clear();
+      scanned_ = 0;
+      discarding_ = true;
+    }
+  }
+
+  // The last line when the stream ended without a newline ("" for none).
+  std::string takeRest() {
+    std::string rest;
+    rest.swap(buffer_);
+    scanned_ = 0;
+    if (discarding_) rest.clear();
+    discarding_ = false;
+    return rest;
+  }
+
+ private:
+  std::string buffer_;
+  size_t scanned_ = 0;  // bytes of buffer_ known to hold no newline
+  size_t maxLine_;
+  bool discarding_ = false;
+};

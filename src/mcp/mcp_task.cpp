@@ -1,0 +1,268 @@
+// McpTask: the server's child process, its output reader and its end.
+
+#include "mcp/mcp_task.h"
+
+#include <glib.h>
+#include <poll.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "base/log.h"
+#include "base/main_thread.h"
+#include "base/paths.h"
+#include "mcp/child_process.h"
+#include "mcp/line_buffer.h"
+#include "mcp/mcp_finish.h"
+#include "mcp/serial_queue.h"
+#include "mcp/shell_path.h"
+
+extern char** environ;
+
+namespace {
+
+std::string passwdShell() {
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::string buf(size > 0 ? static_cast<size_t>(size) : 16384, '\0');
+  passwd entry{};
+  passwd* found = nullptr;
+  if (getpwuid_r(getuid(), &entry, buf.data(), buf.size(), &found) != 0 || !found || !found->pw_shell) return {};
+  return found->pw_shell;
+}
+
+std::string validUtf8(const std::string& bytes) {
+  gchar* valid = g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size()));
+  std::string text(valid);
+  g_free(valid);
+  return text;
+}
+
+}  // namespace
+
+std::shared_ptr<McpTask> McpTask::create(std::string name, std::string command, std::vector<std::string> args,
+                                         std::map<std::string, std::string> env) {
+  return std::shared_ptr<McpTask>(new McpTask(std::move(name), std::move(command), std::move(args), std::move(env)));
+}
+
+McpTask::McpTask(std::string name, std::string command, std::vector<std::string> args,
+                 std::map<std::string, std::string> env)
+    : _command(std::move(command)),
+      _args(std::move(args)),
+      _env(std::move(env)),
+      _writeQueue(std::make_unique<SerialQueue>("ondrel.mcp.write")),
+      _name(std::move(name)) {}
+
+McpTask::~McpTask() {
+  // A server that is let go without stop() must not run on unowned.
+  stop();
+  _writeQueue->close();
+}
+
+std::optional<std::string> McpTask::shellDerivedPath() {
+  static std::once_flag once;
+  static std::optional<std::string> cached;
+  std::call_once(once, [] {
+    try {
+      std::string pw = passwdShell();
+      std::string shell = ondrelLoginShell(g_getenv("SHELL"), pw.c_str());
+      auto path = ondrelProbeShellPath(shell);
+      if (!path) return;
+      cached = path;
+      logLine("[MCP] using shell PATH from " + shell + " (" + std::to_string(ondrelSplit(*path, ':').size()) +
+              " entries)");
+    } catch (...) {
+      // No shell PATH; the other directories still apply.
+    }
+  });
+  return cached;
+}
+
+std::vector<std::string> McpTask::searchDirs() {
+  return ondrelSearchDirs(shellDerivedPath(), g_getenv("PATH"), ondrelHomeDir());
+}
+
+std::optional<std::string> McpTask::resolveExecutable(const std::string& command) {
+  if (command.empty()) return std::nullopt;
+  if (command[0] == '/') return ondrelResolveIn(command, {});
+  return ondrelResolveIn(command, searchDirs());
+}
+
+bool McpTask::isRunning() const {
+  std::lock_guard lock(_lock);
+  return _task && !_died;
+}
+
+std::shared_ptr<ChildProcess> McpTask::child() const {
+  std::lock_guard lock(_lock);
+  return _task;
+}
+
+void McpTask::start() {
+  if (child()) return;
+  auto resolved = resolveExecutable(_command);
+  if (!resolved) {
+    logLine("[MCP " + _name + "] command not found: " + _command);
+    return;
+  }
+
+  SpawnRequest request;
+  request.executable = *resolved;
+  request.args = _args;
+  request.workingDirectory = ondrelHomeDir();
+
+  // This process's environment with the configured entries laid over it. A
+  // configured PATH is taken as it is; otherwise the search list comes first
+  // so the server finds the same tools (node for npx, python for uvx) that
+  // its own command was found with.
+  std::vector<std::pair<std::string, std::string>> env;
+  for (char** e = environ; e && *e; ++e) {
+    std::string entry = *e;
+    size_t eq = entry.find('=');
+    if (eq == std::string::npos) continue;
+    env.emplace_back(entry.substr(0, eq), entry.substr(eq + 1));
+  }
+  auto set = [&env](const std::string& key, const std::string& value) {
+    for (auto& [k, v] : env)
+      if (k == key) {
+        v = value;
+        return;
+      }
+    env.emplace_back(key, value);
+  };
+  for (const auto& [key, value] : _env) set(key, value);
+  if (!_env.count("PATH")) {
+    std::string path;
+    for (const auto& dir : searchDirs()) path += (path.empty() ? "" : ":") + dir;
+    const char* inherited = g_getenv("PATH");
+    if (inherited && *inherited) path += std::string(":") + inherited;
+    set("PATH", path);
+  }
+  for (const auto& [key, value] : env) request.environment.push_back(key + "=" + value);
+
+  std::string name = _name;
+  std::string error;
+  auto child = ChildProcess::spawn(
+      request,
+      // Logged from the watcher thread (the log hops to the main thread for
+      // the panel itself): at quit the main loop no longer runs, and what a
+      // server said on its way out must still reach the system log.
+      [name](std::string text) { logLine("[MCP " + name + "] stderr: " + validUtf8(text)); },
+      &error);
+  if (!child) {
+    logLine("[MCP " + _name + "] launch failed: " + error);
+    return;
+  }
+
+  std::map<int64_t, FinishPtr> dropped;
+  {
+    std::lock_guard lock(_lock);
+    _task = child;
+    _stdin = child->stdinWriter();
+    _died = false;
+    dropped.swap(_pending);
+  }
+  for (auto& [id, finish] : dropped) finish->cancelTimer();
+  _ready = false;
+  _stopped = false;
+  _tools.reset();
+
+  int out = child->takeStdout();
+  try {
+    std::thread(&McpTask::readLoop, weak_from_this(), out, child).detach();
+  } catch (...) {
+    ::close(out);
+    logLine("[MCP " + _name + "] launch failed: no thread for its output");
+    stop();
+    return;
+  }
+
+  std::string joined;
+  for (size_t i = 0; i < _args.size(); ++i) joined += (i ? " " : "") + _args[i];
+  logLine("[MCP " + _name + "] started " + *resolved + " " + joined);
+}
+
+void McpTask::readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<ChildProcess> child) {
+  pthread_setname_np(pthread_self(), "ondrel.mcp.read");
+  if (weak.expired()) {
+    ::close(fd);
+    return;
+  }
+  LineBuffer buffer;
+  bool gone = false;
+  auto deliver = [&](std::string_view line) {
+    if (gone) return;
+    auto self = weak.lock();
+    if (!self) {
+      gone = true;
+      return;
+    }
+    try {
+      self->processLine(line);
+    } catch (...) {
+      // A line that trips the parser or the allocator is dropped like any
+      // other malformed line.
+    }
+  };
+
+  // stop() ends the child's group; the terminate event ends this loop at
+  // once, even when something outside the group still holds the pipe open.
+  while (!gone && !child->terminateRequested()) {
+    pollfd fds[2] = {{fd, POLLIN, 0}, {child->terminateEventFd(), POLLIN, 0}};
+    int r = poll(fds, 2, -1);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if (fds[1].revents) break;
+    if (!fds[0].revents) continue;
+    char chunk[4096];
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      buffer.append(chunk, static_cast<size_t>(n), deliver);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  ::close(fd);
+
+  std::string rest = buffer.takeRest();
+  if (!rest.empty()) deliver(rest);
+  if (child->terminateRequested()) return;
+  if (auto self = weak.lock()) self->handleChildExit();
+}
+
+void McpTask::handleChildExit() {
+  logLine("[MCP " + _name + "] subprocess exited / closed stdout");
+  std::map<int64_t, FinishPtr> moved;
+  std::shared_ptr<PipeWriter> input;
+  {
+    std::lock_guard lock(_lock);
+    _died = true;
+    moved.swap(_pending);
+    input = _stdin;
+  }
+  for (auto& [id, finish] : moved) finish->finish(clientError("MCP server '" + _name + "' exited unexpectedly"));
+  if (input) input->close();
+}
+
+void McpTask::stop() {
+  if (_stopped.exchange(true)) return;
+  std::shared_ptr<ChildProcess> child;
+  std::shared_ptr<PipeWriter> input;
+  std::map<int64_t, FinishPtr> dropped;
+  {
+    std::lock_guard lock(_lock);
+    child = std::move(_task);
+    input = std::move(_stdin);
+    dropped.swap(_pending);
+  }
+  if (child) child->terminate();
+  if (input) input->close();
+  // Dropped without completion; their timers would only find nothing.
+  for (auto& [id, finish] : dropped) finish->cancelTimer();
+}

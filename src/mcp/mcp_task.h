@@ -1,0 +1,141 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/json.h"
+
+class ChildProcess;
+class MainTimer;
+class PipeWriter;
+class SerialQueue;
+
+// Request ids for every server of the process: drawn on the main thread,
+// first id 1, never reused.
+extern int64_t gMcpSeq;
+
+// One local MCP server: its child process, the newline-delimited JSON-RPC
+// exchange over its standard input and output, and its tools. Created,
+// started and stopped by the registry on the main thread; always held by
+// shared_ptr (background threads and timers keep only weak references, so a
+// dropped server simply stops answering).
+//
+// Threads: requests, timers and every completion on the main thread; one
+// reader of standard output that hands lines over in arrival order; one
+// serial write queue; the child's watcher drains standard error.
+class McpTask : public std::enable_shared_from_this<McpTask> {
+ public:
+  using ResponseHandler = std::function<void(const Json& response)>;
+  using ReadyHandler = std::function<void(bool ok, const Json& error)>;
+  // tools: the cached array on success; error: the response's "error" member
+  // or one of the client's own error objects on failure.
+  using ToolsHandler = std::function<void(bool ok, const Json& tools, const Json& error)>;
+  using CallHandler = std::function<void(bool ok, const Json& result, const Json& error)>;
+
+  // Seconds; tests shorten them.
+  struct Timeouts {
+    double initialize = 45;
+    double listTools = 30;
+    double callTool = 120;
+  };
+
+  // Stores the configuration; starts nothing.
+  static std::shared_ptr<McpTask> create(std::string name, std::string command, std::vector<std::string> args = {},
+                                         std::map<std::string, std::string> env = {});
+  ~McpTask();
+  McpTask(const McpTask&) = delete;
+  McpTask& operator=(const McpTask&) = delete;
+
+  const std::string& name() const { return _name; }
+  const std::string& command() const { return _command; }
+  void setTimeouts(const Timeouts& timeouts) { _timeouts = timeouts; }
+
+  // ---- process ----
+  // The login shell's PATH, asked for once per process (the first caller
+  // waits up to 3 s, 8 s when the shell hangs).
+  static std::optional<std::string> shellDerivedPath();
+  static std::vector<std::string> searchDirs();
+  static std::optional<std::string> resolveExecutable(const std::string& command);
+
+  // Launches the child unless one is held. Failures are logged and leave the
+  // object without a child.
+  void start();
+  // The reader saw standard output end without stop(): every outstanding
+  // request fails with "exited unexpectedly".
+  void handleChildExit();
+  // Ends the child (standard input closed, SIGTERM to its group, SIGKILL 2 s
+  // later); outstanding requests are dropped without completion. Only the
+  // first call acts.
+  void stop();
+
+  bool isRunning() const;
+  std::shared_ptr<ChildProcess> child() const;
+
+  // ---- JSON-RPC session ----
+  static int64_t nextId();
+  // Returns at once; the completion (may be empty) runs at most once, on the
+  // main thread, with the server's response object or a client-made one
+  // whose "error" is {"message": text}.
+  void sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
+                   ResponseHandler completion);
+  // Writes one message on the calling thread (waits while the pipe is full).
+  void sendMessageBlocking(const Json& message);
+  // Writes one message in write order, never waiting on the calling thread.
+  void sendMessage(Json message);
+  void sendNotification(const std::string& method, const std::optional<Json>& params);
+  void sendErrorReply(const Json& id, int code, const std::string& message);
+  // One line of the server's output, on the reader thread.
+  void processLine(std::string_view line);
+  // Runs the initialize handshake unless it succeeded before (then the
+  // completion runs at once, on the calling thread). Concurrent callers each
+  // send their own initialize.
+  void ensureReady(ReadyHandler completion);
+  bool isReady() const { return _ready; }
+
+  // ---- tools ----
+  // A cached listing answers at once on the calling thread; otherwise the
+  // completion runs on the main thread.
+  void listToolsWithCompletion(ToolsHandler completion);
+  // result: the converted tool result (text, images, isError, structuredContent).
+  void callTool(const std::string& tool, const Json& args, CallHandler completion);
+
+ private:
+  struct Finish;
+  using FinishPtr = std::shared_ptr<Finish>;
+
+  McpTask(std::string name, std::string command, std::vector<std::string> args,
+          std::map<std::string, std::string> env);
+  static void readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<ChildProcess> child);
+  static Json clientError(const std::string& message);
+  static std::optional<std::string> serialize(const Json& message);
+  // Runs `prepare` in write order, then writes the line it returns (if any).
+  // When nothing is queued this happens at once on the calling thread, for
+  // as much as the pipe takes without waiting; the rest goes to the queue.
+  void writeInOrder(std::function<std::optional<std::string>(McpTask&)> prepare);
+  void writeBytes(const std::string& bytes);
+
+  std::string _command;
+  std::vector<std::string> _args;
+  std::map<std::string, std::string> _env;
+  std::shared_ptr<ChildProcess> _task;  // guarded by _lock (the write queue reads it)
+  std::shared_ptr<PipeWriter> _stdin;   // guarded by _lock
+  std::string _carry;                   // unused: the reader keeps its own buffer
+  std::map<int64_t, FinishPtr> _pending;  // guarded by _lock
+  std::unique_ptr<SerialQueue> _writeQueue;
+  bool _ready = false;                  // main thread
+  std::atomic<bool> _stopped{false};    // set on main, read by the reader
+  bool _died = false;                   // guarded by _lock
+  std::optional<Json> _tools;           // main thread
+  std::string _name;
+
+  Timeouts _timeouts;
+  mutable std::mutex _lock;
+};
