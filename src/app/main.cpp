@@ -12,6 +12,7 @@
 #include "base/main_thread.h"
 #include "base/server_address.h"
 #include "bridge/bridge.h"
+#include "bridge/exec_command.h"
 #include "bridge/mcp_actions.h"
 #include "bridge/web_view_delegate_gtk.h"
 #include "mcp/client_mcp.h"
@@ -56,6 +57,7 @@ int main(int argc, char** argv) {
   createMainWindow();
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
   auto* bridge = new Bridge(*host);  // lives until exit, like the window
+  registerExecAction(*bridge);
   registerMcpActions(*bridge);
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
   showMainWindow(*server);

@@ -26,9 +26,7 @@ std::optional<std::string> candidateFrom(const Json& value) {
 void saveChoice(const std::string& path, const std::string& server) {
   makeDirectories(parentDirectory(path));
   Json config = Json::object();
-  if (auto bytes = readWholeFile(path)) {
-    if (auto parsed = parseJson(*bytes); parsed && parsed->is_object()) config = std::move(*parsed);
-  }
+  if (auto existing = readJsonObjectFile(path)) config = std::move(*existing);
   config["server"] = server;
   // The file is written with sorted keys; a plain (sorted) json does that.
   nlohmann::json sorted = nlohmann::json::parse(config.dump());

@@ -10,6 +10,10 @@ using Json = nlohmann::ordered_json;
 // Parses without throwing; nullopt for anything that is not JSON.
 std::optional<Json> parseJson(std::string_view text);
 
+// The top-level object of a JSON file; nullopt when the file is missing,
+// unreadable, not JSON or not an object.
+std::optional<Json> readJsonObjectFile(const std::string& path);
+
 // Compact JSON text of a value for log lines; invalid UTF-8 is replaced
 // rather than thrown on.
 std::string describeJson(const Json& value);

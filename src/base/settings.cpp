@@ -1,15 +1,8 @@
 #include "base/settings.h"
 
-#include "base/files.h"
 #include "base/paths.h"
 
-std::optional<Json> ondrelReadConfig() {
-  auto bytes = readWholeFile(ondrelConfigPath());
-  if (!bytes) return std::nullopt;
-  auto parsed = parseJson(*bytes);
-  if (!parsed || !parsed->is_object()) return std::nullopt;
-  return parsed;
-}
+std::optional<Json> ondrelReadConfig() { return readJsonObjectFile(ondrelConfigPath()); }
 
 std::optional<std::string> ondrelConfigString(const std::string& key) {
   auto config = ondrelReadConfig();

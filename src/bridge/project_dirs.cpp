@@ -5,13 +5,7 @@
 
 namespace {
 
-std::optional<Json> readDefaults() {
-  auto bytes = readWholeFile(ondrelDefaultsPath());
-  if (!bytes) return std::nullopt;
-  auto parsed = parseJson(*bytes);
-  if (!parsed || !parsed->is_object()) return std::nullopt;
-  return parsed;
-}
+std::optional<Json> readDefaults() { return readJsonObjectFile(ondrelDefaultsPath()); }
 
 }  // namespace
 
