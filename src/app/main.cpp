@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
   // Before any menu or window: a successful update ends the process here;
   // a failed one comes back and the normal start goes on.
   ondrelApplyScheduledUpdate();
+  if (ondrelQuitRequested()) return 0;  // a signal ended the update's own loop
 
   const auto& server = ondrelServerURL([] { return OndrelInstancePrompt().run(); });
   if (!server) {

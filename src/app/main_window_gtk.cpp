@@ -83,10 +83,15 @@ void addTrafficLights(GtkOverlay* overlay, GtkWindow* window) {
 
 void addQuitHook(std::function<void()> hook) { quitHooks().push_back(std::move(hook)); }
 
+namespace {
+bool gQuitRequested = false;
+}  // namespace
+
+bool ondrelQuitRequested() { return gQuitRequested; }
+
 void ondrelQuit() {
-  static bool quitting = false;
-  if (quitting) return;
-  quitting = true;
+  if (gQuitRequested) return;
+  gQuitRequested = true;
   for (auto& hook : quitHooks()) hook();
   if (gtk_main_level() > 0) gtk_main_quit();
 }

@@ -15,5 +15,7 @@ void showMainWindow(const std::string& serverUrl);
 // run before the main loop stops.
 void ondrelQuit();
 void addQuitHook(std::function<void()> hook);
+// True once the quit path ran (a signal may arrive before the main loop).
+bool ondrelQuitRequested();
 
 void reloadWebView();
