@@ -13,8 +13,11 @@ GtkTextMark* gLogEnd = nullptr;
 
 void scrollToEnd() { gtk_text_view_scroll_mark_onscreen(gLog, gLogEnd); }
 
-void appendToPanel(const std::string& text) {
+void appendToPanel(const std::string& line) {
   if (!gLog) return;
+  // A megabyte-long line would stall the text view's layout; the system log
+  // keeps the whole line.
+  const std::string text = line.size() > kLogLineDisplayLimit + 1 ? abbreviateForLog(line) + "\n" : line;
   // Inserting at the end costs the same however long the log has grown.
   GtkTextBuffer* buffer = gtk_text_view_get_buffer(gLog);
   GtkTextIter end;

@@ -17,3 +17,7 @@ std::optional<Json> readJsonObjectFile(const std::string& path);
 // Compact JSON text of a value for log lines; invalid UTF-8 is replaced
 // rather than thrown on.
 std::string describeJson(const Json& value);
+
+// The same text, cut after about limit bytes: a page's 16 MB argument is not
+// serialised whole just to be shortened for a log line.
+std::string describeJsonBounded(const Json& value, size_t limit);

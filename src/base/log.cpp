@@ -31,3 +31,11 @@ void logLine(const std::string& line) {
 }
 
 void setLogPanelSink(std::function<void(const std::string&)> sink) { panelSink() = std::move(sink); }
+
+std::string abbreviateForLog(const std::string& text, size_t limit) {
+  if (text.size() <= limit) return text;
+  size_t cut = limit;
+  // Back up to the start of a UTF-8 character.
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return text.substr(0, cut) + "… (" + std::to_string(text.size()) + " bytes in all)";
+}

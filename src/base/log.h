@@ -14,3 +14,11 @@ void logToSystemOnly(const std::string& line);
 // arrive before then are dropped from the panel; the system log has them.
 // Called on the main thread only.
 void setLogPanelSink(std::function<void(const std::string&)> sink);
+
+// Lines longer than this are shortened where they would cost the UI (the
+// panel lays out each line whole) or copy a page's payload for nothing.
+inline constexpr size_t kLogLineDisplayLimit = 4000;
+
+// The text cut at a character boundary to at most limit bytes, with a note
+// of how much was left out; unchanged when short enough.
+std::string abbreviateForLog(const std::string& text, size_t limit = kLogLineDisplayLimit);

@@ -67,10 +67,11 @@ void Bridge::didReceiveScriptMessage(const Json& body) {
   }
   if (auto it = body.find("__reqId"); it != body.end()) {
     Json name = body.contains("name") ? body["name"] : Json();
-    Json args = Json::array();
-    if (auto a = body.find("args"); a != body.end() && a->is_array()) args = *a;
+    static const Json kNoArgs = Json::array();
+    auto a = body.find("args");
+    const Json& args = (a != body.end() && a->is_array()) ? *a : kNoArgs;  // not copied: it may be 16 MB
     logLine("[JS->Native] native action '" + valueText(name) + "' (req " + valueText(*it) + ") args=" +
-            valueText(args));
+            describeJsonBounded(args, kLogLineDisplayLimit));
     handleNativeAction(*it, name, args);
     return;
   }
@@ -123,7 +124,8 @@ void Bridge::invokeHandler(const std::string& handler, const Json& args, const s
 void Bridge::handleNativeAction(const Json& reqId, const Json& name, const Json& args) {
   if (name.is_string()) {
     if (auto it = actions_.find(name.get<std::string>()); it != actions_.end()) {
-      it->second(reqId, args.is_array() ? args : Json::array());
+      static const Json kNoArgs = Json::array();
+      it->second(reqId, args.is_array() ? args : kNoArgs);
       return;
     }
   }

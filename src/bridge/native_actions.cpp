@@ -195,8 +195,10 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "writeFile expects [path, content]");
       return;
     }
-    // Missing content writes an empty file, on purpose.
-    std::string content = stringArg(args, 1).value_or("");
+    // Missing content writes an empty file, on purpose. Not copied: it may
+    // be many megabytes.
+    std::string_view content;
+    if (args.size() > 1 && args[1].is_string()) content = args[1].get_ref<const std::string&>();
     if (path->find('/') != std::string::npos) {
       auto made = makeDirectories(parentDirectory(*path));
       if (!made.ok) {

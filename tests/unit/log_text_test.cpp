@@ -1,0 +1,33 @@
+#include <gtest/gtest.h>
+#include <glib.h>
+
+#include "base/json.h"
+#include "base/log.h"
+
+// Long log lines are cut for the panel and for page payloads; short ones must
+// come through untouched, and a cut must never split a UTF-8 character.
+
+TEST(LogText, ShortTextIsUnchangedAndLongTextIsCutAtACharacter) {
+  EXPECT_EQ(abbreviateForLog("[Server] loading x"), "[Server] loading x");
+  std::string umlauts;
+  for (int i = 0; i < 3000; ++i) umlauts += "ü";  // two bytes each
+  std::string cut = abbreviateForLog(umlauts, 4001);
+  EXPECT_TRUE(g_utf8_validate(cut.c_str(), -1, nullptr));
+  EXPECT_EQ(cut.rfind(umlauts.substr(0, 4000), 0), 0u);
+  EXPECT_NE(cut.find("(6000 bytes in all)"), std::string::npos);
+}
+
+TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {
+  Json small = Json::parse(R"(["/tmp/a", {"k": [1, 2.5, true, null]}, "x\"y"])");
+  EXPECT_EQ(describeJsonBounded(small, 4000), describeJson(small));
+
+  Json big = Json::array({"/tmp/out.txt", std::string(16 * 1024 * 1024, 'a'), "tail"});
+  std::string text = describeJsonBounded(big, 4000);
+  EXPECT_LT(text.size(), 4100u);
+  EXPECT_EQ(text.rfind(R"(["/tmp/out.txt","aaaa)", 0), 0u);
+  EXPECT_EQ(text.substr(text.size() - 3), "…");
+  EXPECT_EQ(text.find("tail"), std::string::npos);
+
+  Json wide = Json::array({std::string(3990, 'b'), "ééééééééé"});
+  EXPECT_TRUE(g_utf8_validate(describeJsonBounded(wide, 4000).c_str(), -1, nullptr));
+}
