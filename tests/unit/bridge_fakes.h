@@ -13,6 +13,7 @@
 
 #include "bridge/bridge.h"
 #include "log_capture.h"
+#include "home_override.h"
 #include "test_files.h"
 
 class FakeHost : public BridgeHost {
@@ -76,15 +77,11 @@ inline std::optional<Reply> parseReply(const std::string& script) {
 class BridgeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (const char* home = std::getenv("HOME")) savedHome_ = home;
-    setenv("HOME", home_.path().c_str(), 1);
     LogCapture::instance().clear();
   }
   void TearDown() override {
     std::error_code ignored;
     for (const auto& path : played_) std::filesystem::remove(path, ignored);
-    if (savedHome_) setenv("HOME", savedHome_->c_str(), 1);
-    else unsetenv("HOME");
   }
 
   // Runs one action and returns its single reply, which must come at once.
@@ -97,8 +94,7 @@ class BridgeTest : public ::testing::Test {
     return reply.value_or(Reply{});
   }
 
-  TempDir home_;
-  std::optional<std::string> savedHome_;
+  HomeOverride home_;
   FakeHost host_;
   std::vector<std::string> played_;
   Bridge bridge_{host_, [this](const std::string& path) { played_.push_back(path); }};

@@ -17,6 +17,7 @@
 
 #include "base/json.h"
 #include "log_capture.h"
+#include "home_override.h"
 #include "test_files.h"
 
 // Runs the main loop until `done` holds or the time runs out. A 10 ms tick
@@ -126,15 +127,11 @@ inline std::string writeExecutable(const std::filesystem::path& file, const std:
 class HomeFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (const char* home = std::getenv("HOME")) savedHome_ = home;
-    setenv("HOME", home_.path().c_str(), 1);
     LogCapture::instance().clear();
   }
   void TearDown() override {
     if (HasFailure())
       for (const auto& line : LogCapture::instance().lines()) std::fprintf(stderr, "  log: %s\n", line.c_str());
-    if (savedHome_) setenv("HOME", savedHome_->c_str(), 1);
-    else unsetenv("HOME");
   }
 
   const std::filesystem::path& home() const { return home_.path(); }
@@ -154,8 +151,7 @@ class HomeFixture : public ::testing::Test {
   }
 
  private:
-  TempDir home_;
-  std::optional<std::string> savedHome_;
+  HomeOverride home_;
 };
 
 // Lines of a file that a fake server appends to, parsed.

@@ -6,25 +6,17 @@
 #include <optional>
 #include <string>
 
+#include "home_override.h"
 #include "test_files.h"
 
 namespace {
 
-// Points HOME at a fresh directory for the test's lifetime.
+// Each test gets a fresh HOME.
 class SettingsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    if (const char* home = std::getenv("HOME")) savedHome_ = home;
-    setenv("HOME", home_.path().c_str(), 1);
-  }
-  void TearDown() override {
-    if (savedHome_) setenv("HOME", savedHome_->c_str(), 1);
-    else unsetenv("HOME");
-  }
-  void writeConfig(const std::string& text) { writeText(home_.path() / ".config/ondrel/config.json", text); }
+  void writeConfig(const std::string& text) { home_.writeConfig(text); }
 
-  TempDir home_;
-  std::optional<std::string> savedHome_;
+  HomeOverride home_;
 };
 
 TEST_F(SettingsTest, ReadConfigYieldsOnlyTopLevelObjects) {
