@@ -154,6 +154,14 @@ class BridgeClient:
         self.app = app
         return self
 
+    @classmethod
+    def launched(cls, launch, web) -> tuple["BridgeClient", object]:
+        """A new app on a bridge page of its own, ready for calls: (client, app)."""
+        client = cls(web)
+        app = launch(client.url)
+        client.attach(app).wait_ready()
+        return client, app
+
     def _mine(self, extra=None):
         def check(data):
             return data.get("ch") == self.name and (extra is None or extra(data))

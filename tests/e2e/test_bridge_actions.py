@@ -21,11 +21,7 @@ BASE64_LIMIT = 16777216
 
 @pytest.fixture(scope="module")
 def bridge(module_launch, web):
-    client = BridgeClient(web)
-    app = module_launch(client.url)
-    client.attach(app)
-    client.wait_ready()
-    return client
+    return BridgeClient.launched(module_launch, web)[0]
 
 
 def post_all(bridge, cases):

@@ -13,11 +13,7 @@ CALL_ID = re.compile(r"^(\d+)-(\d+)$")
 
 @pytest.fixture(scope="module")
 def channel(module_launch, web):
-    client = BridgeClient(web)
-    app = module_launch(client.url)
-    client.attach(app)
-    client.wait_ready()
-    return client, app
+    return BridgeClient.launched(module_launch, web)
 
 
 def texts_since(app, mark):

@@ -22,10 +22,7 @@ def payloads(web):
 
 @pytest.fixture(scope="module")
 def dialogs(module_launch, web, payloads):
-    client = BridgeClient(web)
-    app = module_launch(client.url)
-    client.attach(app)
-    client.wait_ready()
+    client, app = BridgeClient.launched(module_launch, web)
     app.main_window()
     return client, app
 
