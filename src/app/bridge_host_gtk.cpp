@@ -3,6 +3,7 @@
 #include "app/traffic_light_button_gtk.h"
 #include "app/ui_globals_gtk.h"
 #include "base/paths.h"
+#include "bridge/file_chooser_gtk.h"
 
 namespace {
 
@@ -40,28 +41,11 @@ void GtkBridgeHost::evaluateScriptForResult(const std::string& script, ResultCal
 
 void GtkBridgeHost::pickDirectory(const std::optional<std::string>& message,
                                   std::function<void(std::optional<std::string>)> done) {
-  GtkFileChooserNative* chooser = gtk_file_chooser_native_new(
-      message ? message->c_str() : "Choose a Folder", window_, GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER, nullptr, nullptr);
-  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
-  gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser), FALSE);
-  // Start where projects live rather than in "Recent".
-  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), ondrelHomeDir().c_str());
-  auto* callback = new std::function<void(std::optional<std::string>)>(std::move(done));
-  g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
-                     std::unique_ptr<std::function<void(std::optional<std::string>)>> done(
-                         static_cast<std::function<void(std::optional<std::string>)>*>(data));
-                     std::optional<std::string> path;
-                     if (response == GTK_RESPONSE_ACCEPT) {
-                       if (gchar* file = gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog))) {
-                         path = file;
-                         g_free(file);
-                       }
-                     }
-                     g_object_unref(dialog);
-                     (*done)(path);
-                   }),
-                   callback);
-  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+  // Starts where projects live rather than in "Recent".
+  showFileChooser(message ? message->c_str() : "Choose a Folder", window_, GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER,
+                  ondrelHomeDir(), nullptr, [done = std::move(done)](std::vector<std::string> paths) {
+                    done(paths.empty() ? std::nullopt : std::optional<std::string>(paths.front()));
+                  });
 }
 
 void GtkBridgeHost::setChromeScrim(const std::optional<ScrimColor>& color) {

@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "base/main_thread.h"
 #include "base/paths.h"
+#include "bridge/file_chooser_gtk.h"
 #include "bridge/navigation_policy.h"
 
 namespace {
@@ -85,40 +86,32 @@ constexpr const char* kFailed = "ondrel-failed";
 
 void chooseDestination(WebKitDownload* download, const std::string& suggested, GtkWindow* window) {
   std::string name = suggested.empty() ? "download" : suggested;
-  GtkFileChooserNative* chooser =
-      gtk_file_chooser_native_new("Save Download", window, GTK_FILE_CHOOSER_ACTION_SAVE, nullptr, nullptr);
-  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
-  gtk_file_chooser_set_do_overwrite_confirmation(GTK_FILE_CHOOSER(chooser), TRUE);
   // Without a configured user folder the conventional one is used.
   const char* special = g_get_user_special_dir(G_USER_DIRECTORY_DOWNLOAD);
   std::string downloads = special ? special : ondrelHomeDir() + "/Downloads";
   g_mkdir_with_parents(downloads.c_str(), 0755);
-  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), downloads.c_str());
-  gtk_file_chooser_set_current_name(GTK_FILE_CHOOSER(chooser), name.c_str());
   logLine("[Download] save panel for '" + name + "'");
   g_object_ref(download);
-  g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
-                     auto* download = static_cast<WebKitDownload*>(data);
-                     gchar* path = response == GTK_RESPONSE_ACCEPT
-                                       ? gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog))
-                                       : nullptr;
-                     if (path) {
-                       logLine(std::string("[Download] saving to ") + path);
-                       gchar* uri = g_filename_to_uri(path, nullptr, nullptr);
-                       webkit_download_set_allow_overwrite(download, TRUE);
-                       webkit_download_set_destination(download, uri);
-                       g_free(uri);
-                       g_free(path);
-                     } else {
-                       logLine("[Download] cancelled");
-                       g_object_set_data(G_OBJECT(download), kCancelledByUser, GINT_TO_POINTER(1));
-                       webkit_download_cancel(download);
-                     }
-                     g_object_unref(download);
-                     g_object_unref(dialog);
-                   }),
-                   download);
-  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+  showFileChooser(
+      "Save Download", window, GTK_FILE_CHOOSER_ACTION_SAVE, downloads,
+      [&name](GtkFileChooser* chooser) {
+        gtk_file_chooser_set_do_overwrite_confirmation(chooser, TRUE);
+        gtk_file_chooser_set_current_name(chooser, name.c_str());
+      },
+      [download](std::vector<std::string> paths) {
+        if (!paths.empty()) {
+          logLine("[Download] saving to " + paths.front());
+          gchar* uri = g_filename_to_uri(paths.front().c_str(), nullptr, nullptr);
+          webkit_download_set_allow_overwrite(download, TRUE);
+          webkit_download_set_destination(download, uri);
+          g_free(uri);
+        } else {
+          logLine("[Download] cancelled");
+          g_object_set_data(G_OBJECT(download), kCancelledByUser, GINT_TO_POINTER(1));
+          webkit_download_cancel(download);
+        }
+        g_object_unref(download);
+      });
 }
 
 void onDownloadStarted(WebKitWebContext*, WebKitDownload* download, Delegate* d) {
@@ -149,34 +142,23 @@ void onDownloadStarted(WebKitWebContext*, WebKitDownload* download, Delegate* d)
 // --- file inputs --------------------------------------------------------
 
 gboolean onRunFileChooser(WebKitWebView*, WebKitFileChooserRequest* request, Delegate* d) {
-  GtkFileChooserNative* chooser =
-      gtk_file_chooser_native_new("Open", d->window, GTK_FILE_CHOOSER_ACTION_OPEN, nullptr, nullptr);
-  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
-  gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser),
-                                       webkit_file_chooser_request_get_select_multiple(request));
-  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(chooser), ondrelHomeDir().c_str());
   g_object_ref(request);
-  g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, gint response, gpointer data) {
-                     auto* request = static_cast<WebKitFileChooserRequest*>(data);
-                     GSList* files = response == GTK_RESPONSE_ACCEPT
-                                         ? gtk_file_chooser_get_filenames(GTK_FILE_CHOOSER(dialog))
-                                         : nullptr;
-                     if (files) {
-                       GPtrArray* names = g_ptr_array_new();
-                       for (GSList* f = files; f; f = f->next) g_ptr_array_add(names, f->data);
-                       g_ptr_array_add(names, nullptr);
-                       webkit_file_chooser_request_select_files(request,
-                                                                reinterpret_cast<const gchar* const*>(names->pdata));
-                       g_ptr_array_free(names, TRUE);
-                       g_slist_free_full(files, g_free);
-                     } else {
-                       webkit_file_chooser_request_cancel(request);
-                     }
-                     g_object_unref(request);
-                     g_object_unref(dialog);
-                   }),
-                   request);
-  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+  showFileChooser(
+      "Open", d->window, GTK_FILE_CHOOSER_ACTION_OPEN, ondrelHomeDir(),
+      [request](GtkFileChooser* chooser) {
+        gtk_file_chooser_set_select_multiple(chooser, webkit_file_chooser_request_get_select_multiple(request));
+      },
+      [request](std::vector<std::string> paths) {
+        if (paths.empty()) {
+          webkit_file_chooser_request_cancel(request);
+        } else {
+          std::vector<const gchar*> names;
+          for (const auto& path : paths) names.push_back(path.c_str());
+          names.push_back(nullptr);
+          webkit_file_chooser_request_select_files(request, names.data());
+        }
+        g_object_unref(request);
+      });
   return TRUE;
 }
 
