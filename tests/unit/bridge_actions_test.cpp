@@ -61,7 +61,7 @@ TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
   EXPECT_EQ(call("getProjectDirs", Json::array()).value, expected);
 
   FakeHost otherHost;
-  Bridge other(otherHost, nullptr);
+  Bridge other(otherHost, kPageOrigin, nullptr);
   other.handleNativeAction("r", "getProjectDirs", Json::array());
   ASSERT_EQ(otherHost.scripts.size(), 1u);
   EXPECT_EQ(parseReply(otherHost.scripts[0])->value, expected);

@@ -291,7 +291,7 @@ TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   LogCapture::instance();  // keeps the bridge's log lines out of the test output
   FakeHost host;
-  Bridge bridge(host, [](const std::string&) {});
+  Bridge bridge(host, kPageOrigin, [](const std::string&) {});
   registerExecAction(bridge);
 
   bridge.didReceiveScriptMessage(Json{{"__reqId", 7}, {"name", "exec"}, {"args", {"~", "printf 'a\"b'; exit 2"}}});
