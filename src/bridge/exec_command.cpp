@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <thread>
@@ -20,6 +21,8 @@
 
 #include "base/main_thread.h"
 #include "base/paths.h"
+#include "base/settings.h"
+#include "update/bundle_search.h"
 
 namespace {
 
@@ -114,7 +117,7 @@ std::optional<std::string> prepareFolder(const std::string& folder) {
     if (errno != ENOENT) return errnoText(folder, errno);
     // Created here so that it exists to be mounted read-only; otherwise the
     // command could create it and put keys or configuration in it.
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return errnoText("cannot create " + folder, errno);
+    if (g_mkdir_with_parents(folder.c_str(), 0700) != 0) return errnoText("cannot create " + folder, errno);
     if (lstat(folder.c_str(), &st) != 0) return errnoText(folder, errno);
   }
   if (S_ISLNK(st.st_mode))
@@ -304,6 +307,34 @@ std::optional<std::string> prepareProtectedFolders(const std::string& home) {
   return std::nullopt;
 }
 
+std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::vector<std::string>& binds) {
+  for (const auto& folder : plan.folders) {
+    if (auto refusal = prepareFolder(folder)) return refusal;
+    binds.push_back(realPath(folder).value_or(folder));
+  }
+  for (const auto& path : plan.ifPresent) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) continue;  // nothing there to protect
+    if (S_ISLNK(st.st_mode))
+      return "exec refused: " + path +
+             " is a symbolic link, which a command could replace; make it a real file or folder to run commands";
+    if (!S_ISDIR(st.st_mode) && st.st_nlink > 1)
+      return "exec refused: " + path + " has a hard link elsewhere, through which a command could change it";
+    binds.push_back(realPath(path).value_or(path));
+  }
+  return std::nullopt;
+}
+
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home) {
+  std::string configHome = joinPath(home, ".config");
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/') configHome = realPath(xdg).value_or(xdg);
+  std::error_code ignored;
+  auto appDir = ondrelBundleOfExecutable(std::filesystem::read_symlink("/proc/self/exe", ignored).string());
+  std::vector<std::string> userPaths;
+  for (const auto& entry : userReadOnlyEntries(ondrelReadConfig())) userPaths.push_back(expandTilde(entry, home));
+  return readOnlyPlan(home, configHome, appDir, userPaths);
+}
+
 bool isValidUtf8(std::string_view bytes) {
   size_t i = 0;
   const size_t n = bytes.size();
@@ -397,11 +428,13 @@ void execCommand(const Json& args, ExecReply reply) {
   std::string command = args[1].get<std::string>();
 
   auto shared = std::make_shared<ExecReply>(std::move(reply));
-  auto work = [paths = std::move(paths), command = std::move(command), shared]() {
+  auto work = [paths = std::move(paths), command = std::move(command), shared]() mutable {
     bool ok = false;
     Json value;
     try {
-      if (auto refusal = prepareProtectedFolders(paths.home)) {
+      auto refusal = prepareProtectedFolders(paths.home);
+      if (!refusal) refusal = prepareReadOnlyPaths(currentReadOnlyPlan(paths.home), paths.readOnly);
+      if (refusal) {
         value = *refusal;
       } else {
         ChildRun run = runSandboxed(paths, command);

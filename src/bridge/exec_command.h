@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/json.h"
+#include "bridge/protected_paths.h"
 #include "bridge/sandbox_args.h"
 
 // The "exec" native action: one shell command in a working directory, run
@@ -39,6 +40,16 @@ std::string resolveWorkDir(const std::string& dir, const std::string& home);
 // that has a hard link elsewhere, is refused, since writes through either
 // would bypass the read-only mount. Returns the reason for a refusal.
 std::optional<std::string> prepareProtectedFolders(const std::string& home);
+
+// Makes the plan's missing folders (0700) and lists every path of the plan
+// to bind read-only into binds. A symbolic link, which a command could
+// replace, or a file with a second name elsewhere is refused: the reason
+// comes back.
+std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::vector<std::string>& binds);
+
+// The plan for this user and this run of the app: its AppDir, the
+// environment's configuration folder and the settings' own entries.
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home);
 
 // Strict UTF-8 (no overlong forms, surrogates or values past U+10FFFF);
 // NUL bytes are valid characters.

@@ -241,6 +241,40 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndLinksRefused) {
   EXPECT_NE(refusal->find(".ssh is a symbolic link"), std::string::npos) << *refusal;
 }
 
+TEST_F(ExecTest, ReadOnlyPlanMakesMissingFoldersAndRefusesWhatACommandCouldRedirect) {
+  const fs::path h = dir_.path();
+  writeText(h / ".bashrc", "alias ll='ls -l'\n");
+  ReadOnlyPlan plan{{(h / ".config/systemd/user").string()},
+                    {(h / ".bashrc").string(), (h / ".zshrc").string(), (h / "hooks").string()}};
+  std::vector<std::string> binds;
+  ASSERT_EQ(prepareReadOnlyPaths(plan, binds), std::nullopt);
+  EXPECT_EQ(binds, (std::vector<std::string>{(h / ".config/systemd/user").string(), (h / ".bashrc").string()}));
+  struct stat st {};
+  ASSERT_EQ(lstat((h / ".config/systemd/user").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_FALSE(fs::exists(h / ".zshrc")) << "a missing start-up file would shadow another";
+
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    const char* refusal;
+  } cases[] = {
+      {"symlinked file", [&] { fs::create_symlink(h / ".bashrc", h / "hooks"); }, "hooks is a symbolic link"},
+      {"hard-linked file", [&] { fs::create_hard_link(h / ".bashrc", h / "hooks"); }, "has a hard link elsewhere"},
+      {"symlinked folder", [&] { fs::create_directory_symlink(h, h / ".config/systemd/user"); },
+       "user is a symbolic link"},
+  };
+  for (const auto& c : cases) {
+    fs::remove(h / "hooks");
+    fs::remove_all(h / ".config/systemd/user");
+    c.make();
+    binds.clear();
+    auto refusal = prepareReadOnlyPaths(plan, binds);
+    ASSERT_TRUE(refusal) << c.name;
+    EXPECT_NE(refusal->find(c.refusal), std::string::npos) << *refusal;
+  }
+}
+
 TEST_F(ExecTest, CommandRunsConfinedAndAnswersOnTheMainThread) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   fs::create_directories(dir_.path() / "real-project");
@@ -274,14 +308,14 @@ TEST_F(ExecTest, SandboxSetupFailuresAreLaunchFailures) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   // bubblewrap exits 1 with its message when it cannot build the sandbox;
   // that must not pass for the command's own exit status.
-  ChildRun broken = runSandboxed({"/no/such/home", "/", std::nullopt}, "echo ran");
+  ChildRun broken = runSandboxed({"/no/such/home", "/", std::nullopt, {}}, "echo ran");
   EXPECT_FALSE(broken.launched);
   EXPECT_EQ(broken.out, "");
   EXPECT_NE(broken.error.find("/no/such/home"), std::string::npos) << broken.error;
 
   // A command that looks just like that failure is still a result.
   ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
-  ChildRun lookalike = runSandboxed({home(), home(), std::nullopt}, "echo 'bwrap: no' >&2; exit 1");
+  ChildRun lookalike = runSandboxed({home(), home(), std::nullopt, {}}, "echo 'bwrap: no' >&2; exit 1");
   EXPECT_TRUE(lookalike.launched) << lookalike.error;
   EXPECT_EQ(lookalike.exitStatus, 1);
   EXPECT_EQ(lookalike.err, "bwrap: no\n");
