@@ -20,7 +20,12 @@ struct ChildRun {
   int exitStatus = 0;  // the exit code, or the signal number
   std::string out;
   std::string err;
+  bool outCut = false;  // more was written than kExecOutputLimit
+  bool errCut = false;
 };
+
+// What each output stream of a command keeps; the rest is read and dropped.
+inline constexpr size_t kExecOutputLimit = size_t(16) << 20;
 
 // Answer to the page; always called on the main thread, exactly once.
 using ExecReply = std::function<void(bool ok, const Json& value)>;
@@ -55,11 +60,12 @@ ReadOnlyPlan currentReadOnlyPlan(const std::string& home);
 // NUL bytes are valid characters.
 bool isValidUtf8(std::string_view bytes);
 
-// {"exit", "stdout", "stderr"}; output that is not UTF-8 becomes "".
-Json execResultValue(const ChildRun& run);
+// {"exit", "stdout", "stderr"}; output that is not UTF-8 becomes "". A
+// stream that was cut is named in "truncated" (["stdout"], say).
+Json execResultValue(ChildRun&& run);
 
-// Starts argv (program first, absolute path) in cwd with standard input
-// inherited, no descriptor beyond 0-2, and both outputs piped and read to
+// Starts argv (program first, absolute path) in cwd with /dev/null as
+// standard input, no descriptor beyond 0-2, and both outputs piped and read to
 // their end together; then reaps the child. Blocks the calling thread.
 ChildRun runChild(const std::vector<std::string>& argv, const std::string& cwd);
 

@@ -144,8 +144,8 @@ TEST(ExecOutput, OutputThatIsNotUtf8BecomesEmpty) {
   run.exitStatus = 3;
   run.out = "caf\xE9";  // Latin-1
   run.err = "fine";
-  EXPECT_EQ(execResultValue(run), Json::parse(R"({"exit": 3, "stdout": "", "stderr": "fine"})"));
-  EXPECT_EQ(execResultValue(run).begin().key(), "exit");
+  EXPECT_EQ(execResultValue(ChildRun(run)), Json::parse(R"({"exit": 3, "stdout": "", "stderr": "fine"})"));
+  EXPECT_EQ(execResultValue(ChildRun(run)).begin().key(), "exit");
 }
 
 TEST(ExecChild, BothPipesAreDrainedTogether) {
@@ -195,6 +195,34 @@ TEST(ExecChild, OnlyTheStandardDescriptorsReachTheChild) {
   close(leaky);
   ASSERT_TRUE(run.launched);
   EXPECT_EQ(run.out, "0\n1\n2\n");
+}
+
+TEST(ExecChild, OutputIsCutAtTheLimitOnACharacterBoundaryAndInputIsEmpty) {
+  const size_t limit = kExecOutputLimit;
+  const struct {
+    std::string script;
+    size_t outSize, errSize;
+    bool outCut, errCut;
+  } cases[] = {
+      // Both streams past the limit; the writer is drained to its end.
+      {"head -c 20M /dev/zero; head -c 17M /dev/zero >&2; echo done >&2", limit, limit, true, true},
+      // A two-byte character straddling the limit is dropped whole.
+      {"head -c " + std::to_string(limit - 1) + " /dev/zero; printf '\\303\\251after'", limit - 1, 0, true, false},
+      {"head -c " + std::to_string(limit) + " /dev/zero", limit, 0, false, false},
+      // Standard input is empty: a reader ends at once.
+      {"cat; echo read-nothing >&2", 0, 13, false, false},
+  };
+  for (const auto& c : cases) {
+    ChildRun run = runChild({"/bin/sh", "-c", c.script}, "/");
+    ASSERT_TRUE(run.launched) << run.error;
+    EXPECT_EQ(run.out.size(), c.outSize) << c.script;
+    EXPECT_EQ(run.err.size(), c.errSize) << c.script;
+    EXPECT_EQ(run.outCut, c.outCut) << c.script;
+    EXPECT_EQ(run.errCut, c.errCut) << c.script;
+    EXPECT_TRUE(isValidUtf8(run.out)) << c.script;
+    Json value = execResultValue(std::move(run));
+    EXPECT_EQ(value.contains("truncated"), c.outCut || c.errCut) << c.script;
+  }
 }
 
 TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
