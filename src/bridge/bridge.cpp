@@ -3,8 +3,10 @@
 #include <ctime>
 
 #include "base/log.h"
+#include "base/main_thread.h"
 #include "bridge/bridge_gate.h"
 #include "bridge/value_text.h"
+#include "mcp/serial_queue.h"
 
 std::map<std::string, std::function<void(const Json& answer)>> gPending;
 
@@ -28,19 +30,17 @@ std::string quotedForJs(const std::string& text) {
   return out;
 }
 
-constexpr std::string_view kReplyTail = ") : console.error('__resolve missing') ";
+}  // namespace
 
-std::string replyHead(const std::string& reqIdText, bool ok) {
+std::string bridgeReplyHead(const std::string& reqIdText, bool ok) {
   return "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('" + quotedForJs(reqIdText) +
          "', " + (ok ? "1" : "0") + ", ";
 }
 
-}  // namespace
-
 std::string bridgeIdText(const Json& reqId) { return valueText(reqId); }
 
 std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson) {
-  return replyHead(reqIdText, ok) + valueJson + std::string(kReplyTail);
+  return bridgeReplyHead(reqIdText, ok) + valueJson + std::string(kBridgeReplyTail);
 }
 
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson) {
@@ -49,14 +49,44 @@ std::string bridgeInvokeExpression(const std::string& callId, const std::string&
          "', ok: false, error: 'bridge-not-ready' })";
 }
 
+ReplyText::ReplyText(std::string guard, const Json& reqId) : guard_(std::move(guard)), idText_(bridgeIdText(reqId)) {}
+
+std::string ReplyText::operator()(bool ok, const Json& value) const {
+  std::string json;
+  try {
+    json = value.dump();
+  } catch (const Json::exception&) {
+    json = "null";
+  }
+  return (*this)(ok, json.size(), [&json](std::string& script) { script += json; });
+}
+
+std::string ReplyText::operator()(bool ok, size_t sizeHint, const std::function<void(std::string&)>& appendJson) const {
+  const std::string head = bridgeReplyHead(idText_, ok);
+  std::string script;
+  script.reserve(guard_.size() + head.size() + sizeHint + kBridgeReplyTail.size() + 2);
+  script += guard_;
+  script += '(';
+  script += head;
+  appendJson(script);
+  script += kBridgeReplyTail;
+  script += ')';
+  return script;
+}
+
 Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer)
-    : host_(host), guard_(originGuardExpression(pageOrigin)), sounds_(std::move(soundPlayer)) {
+    : host_(host),
+      guard_(originGuardExpression(pageOrigin)),
+      sounds_(std::move(soundPlayer)),
+      alive_(std::make_shared<Bridge*>(this)) {
   addBuiltInActions();
 }
 
+Bridge::~Bridge() = default;
+
 void Bridge::addAction(const std::string& name, NativeAction action) { actions_[name] = std::move(action); }
 
-void Bridge::didReceiveScriptMessage(const Json& body) {
+void Bridge::didReceiveScriptMessage(Json body) {
   if (!body.is_object()) {
     logLine("[JS->Native] ondrel");
     return;
@@ -75,39 +105,35 @@ void Bridge::didReceiveScriptMessage(const Json& body) {
   }
   if (auto it = body.find("__reqId"); it != body.end()) {
     Json name = body.contains("name") ? body["name"] : Json();
-    static const Json kNoArgs = Json::array();
-    auto a = body.find("args");
-    const Json& args = (a != body.end() && a->is_array()) ? *a : kNoArgs;  // not copied: it may be 16 MB
+    Json args = Json::array();
+    // Moved, not copied: it may be 16 MB.
+    if (auto a = body.find("args"); a != body.end() && a->is_array()) args = std::move(*a);
     logLine("[JS->Native] native action '" + valueText(name) + "' (req " + valueText(*it) + ") args=" +
             describeJsonBounded(args, kLogLineDisplayLimit));
-    handleNativeAction(*it, name, args);
+    handleNativeAction(*it, name, std::move(args));
     return;
   }
   logLine("[JS->Native] " + valueText(body));
 }
 
 void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
-  std::string json;
-  try {
-    json = value.dump();
-  } catch (const Json::exception&) {
-    json = "null";
-  }
-  replyToJSWithJsonText(reqId, ok, json.size(), [&json](std::string& script) { script += json; });
+  host_.evaluateScript(ReplyText(guard_, reqId)(ok, value));
 }
 
-void Bridge::replyToJSWithJsonText(const Json& reqId, bool ok, size_t sizeHint,
-                                   const std::function<void(std::string&)>& appendJson) {
-  const std::string head = replyHead(bridgeIdText(reqId), ok);
-  std::string script;
-  script.reserve(guard_.size() + head.size() + sizeHint + kReplyTail.size() + 2);
-  script += guard_;
-  script += '(';
-  script += head;
-  appendJson(script);
-  script += kReplyTail;
-  script += ')';
-  host_.evaluateScript(script);
+void Bridge::replyFromFileThread(const Json& reqId, std::function<std::string(const ReplyText& reply)> work) {
+  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>("ondrel-files");
+  fileThread_->async([reply = ReplyText(guard_, reqId), work = std::move(work),
+                      alive = std::weak_ptr<Bridge*>(alive_)] {
+    std::string script;
+    try {
+      script = work(reply);
+    } catch (const std::exception& e) {  // such as running out of memory: still one reply
+      script = reply(false, e.what());
+    }
+    runOnMain([script = std::move(script), alive]() mutable {
+      if (auto bridge = alive.lock()) (*bridge)->host_.evaluateScript(std::move(script));
+    });
+  });
 }
 
 void Bridge::evaluateGuarded(const std::string& expression) { host_.evaluateScript(guard_ + "(" + expression + ")"); }
@@ -132,11 +158,11 @@ void Bridge::invokeHandler(const std::string& handler, const Json& args, const s
   evaluateGuarded(script);
 }
 
-void Bridge::handleNativeAction(const Json& reqId, const Json& name, const Json& args) {
+void Bridge::handleNativeAction(const Json& reqId, const Json& name, Json args) {
   if (name.is_string()) {
-    if (auto it = actions_.find(name.get<std::string>()); it != actions_.end()) {
-      static const Json kNoArgs = Json::array();
-      it->second(reqId, args.is_array() ? args : kNoArgs);
+    if (auto it = actions_.find(name.get_ref<const std::string&>()); it != actions_.end()) {
+      if (!args.is_array()) args = Json::array();
+      it->second(reqId, args);
       return;
     }
   }

@@ -3,6 +3,7 @@
 // A window stand-in for the bridge and a reader of the reply expressions it
 // evaluates, shared by the bridge test files.
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -18,9 +19,9 @@
 
 class FakeHost : public BridgeHost {
  public:
-  void evaluateScript(const std::string& script) override {
-    scripts.push_back(script);
-    if (onScript) onScript(script);
+  void evaluateScript(std::string script) override {
+    scripts.push_back(std::move(script));
+    if (onScript) onScript(scripts.back());
   }
   void evaluateScriptForResult(const std::string& script,
                                std::function<void(const std::string&, const std::string&)> done) override {
@@ -86,6 +87,15 @@ inline std::optional<Reply> parseReply(const std::string& guarded) {
   return Reply{inner.substr(0, flag), inner[flag + 3] == '1', *value};
 }
 
+// Lets due main-loop work run until done() holds; the deadline only keeps a
+// broken build from hanging the suite.
+inline void iterateMainContextUntil(const std::function<bool()>& done, double seconds = 30) {
+  const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(seconds * G_USEC_PER_SEC);
+  while (!done() && g_get_monotonic_time() < deadline) {
+    if (!g_main_context_iteration(nullptr, FALSE)) g_usleep(1000);
+  }
+}
+
 // Points HOME at a scratch folder (the defaults file lives below it) and
 // gives each test a fresh log.
 class BridgeTest : public ::testing::Test {
@@ -98,10 +108,12 @@ class BridgeTest : public ::testing::Test {
     for (const auto& path : played_) std::filesystem::remove(path, ignored);
   }
 
-  // Runs one action and returns its single reply, which must come at once.
+  // Runs one action and returns its single reply, which comes at once or,
+  // for work off the main thread, by way of the main loop.
   Reply call(const Json& name, const Json& args) {
     const size_t before = host_.scripts.size();
     bridge_.handleNativeAction("r", name, args);
+    iterateMainContextUntil([&] { return host_.scripts.size() > before; });
     EXPECT_EQ(host_.scripts.size(), before + 1) << name;
     auto reply = host_.scripts.size() == before + 1 ? parseReply(host_.scripts.back()) : std::nullopt;
     EXPECT_TRUE(reply && reply->id == "r") << name << args;

@@ -1,0 +1,74 @@
+#include "bridge/script_batch.h"
+
+#include <vector>
+
+namespace {
+
+constexpr size_t kAloneFrom = 64 * 1024;
+
+}  // namespace
+
+struct ScriptBatch::State {
+  std::string guard;
+  Evaluate evaluate;
+  Schedule schedule;
+  std::vector<std::string> waiting;
+  bool flushScheduled = false;
+
+  void flush() {
+    std::vector<std::string> scripts;
+    scripts.swap(waiting);  // an evaluation may add more; they wait for the next turn
+    auto run = scripts.begin();
+    for (auto it = scripts.begin(); it != scripts.end(); ++it) {
+      if (it->size() < kAloneFrom) continue;
+      evaluateTogether(run, it);
+      evaluate(*it);
+      run = it + 1;
+    }
+    evaluateTogether(run, scripts.end());
+  }
+
+  void evaluateTogether(std::vector<std::string>::iterator begin, std::vector<std::string>::iterator end) {
+    if (begin == end) return;
+    if (end - begin == 1) {
+      evaluate(*begin);
+      return;
+    }
+    size_t size = guard.size() + 32;
+    for (auto it = begin; it != end; ++it) size += it->size() + 24;
+    std::string script;
+    script.reserve(size);
+    script += guard;
+    script += "(function () {\n";
+    // Each threw in an evaluation of its own before; it still does not
+    // reach the next.
+    for (auto it = begin; it != end; ++it) {
+      script += "try { ";
+      script += *it;
+      script += " } catch (e) {}\n";
+    }
+    script += "})()";
+    evaluate(script);
+  }
+};
+
+ScriptBatch::ScriptBatch(std::string guard, Evaluate evaluate, Schedule schedule)
+    : state_(std::make_shared<State>()) {
+  state_->guard = std::move(guard);
+  state_->evaluate = std::move(evaluate);
+  state_->schedule = std::move(schedule);
+}
+
+void ScriptBatch::add(std::string script) {
+  state_->waiting.push_back(std::move(script));
+  if (state_->flushScheduled) return;
+  state_->flushScheduled = true;
+  state_->schedule([weak = std::weak_ptr<State>(state_)] {
+    if (auto state = weak.lock()) {
+      state->flushScheduled = false;
+      state->flush();
+    }
+  });
+}
+
+void ScriptBatch::flush() { state_->flush(); }

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+// Native-to-page scripts made during one main-loop turn reach the page in
+// one evaluation, in the order they were made: the engine charges per
+// evaluation (a message to the web process, a compile), hardly per byte.
+// Each script still runs on its own, so one that throws (a page's __resolve
+// failing) does not keep the ones after it from running. A large script
+// goes alone, so its text is not copied into a batch.
+class ScriptBatch {
+ public:
+  using Evaluate = std::function<void(const std::string& script)>;
+  using Schedule = std::function<void(std::function<void()>)>;
+
+  // guard starts every combined script, as it starts each script added.
+  // schedule runs the flush later on the main thread.
+  ScriptBatch(std::string guard, Evaluate evaluate, Schedule schedule);
+
+  void add(std::string script);
+  // Evaluates what waits now, e.g. before a script that must not overtake it.
+  void flush();
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
