@@ -22,7 +22,7 @@ class InputProbe:
         self.root = self.d.screen().root
         self.window = self.d.create_resource_object("window", window_id)
         self.interval = interval
-        self.delays: list[float] = []
+        self.samples: list[tuple[float, float]] = []  # (sent at, seconds to the answer)
         self._stop = threading.Event()
         self._protocols = self.d.intern_atom("WM_PROTOCOLS")
         self._ping = self.d.intern_atom("_NET_WM_PING")
@@ -35,14 +35,14 @@ class InputProbe:
         self._thread.start()
         return self
 
-    def stop(self) -> list[float]:
+    def stop(self) -> list[tuple[float, float]]:
         self._stop.set()
         self._thread.join(timeout=30)
         try:
             self.d.close()
         except Exception:
             pass
-        return self.delays
+        return self.samples
 
     def _run(self):
         stamp = 0
@@ -54,7 +54,7 @@ class InputProbe:
             self.window.send_event(message, event_mask=X.NoEventMask)
             self.d.flush()
             if self._wait_answer(stamp):
-                self.delays.append(time.monotonic() - sent)
+                self.samples.append((sent, time.monotonic() - sent))
             time.sleep(self.interval)
 
     def _wait_answer(self, stamp: int) -> bool:

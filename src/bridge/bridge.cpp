@@ -10,68 +10,10 @@
 
 std::map<std::string, std::function<void(const Json& answer)>> gPending;
 
-namespace {
-
-// Ids travel between single quotes. Ids of our own making never need
-// escaping, but a page's request id could hold anything; escaping keeps the
-// id's value unchanged and the expression intact.
-std::string quotedForJs(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '\'': out += "\\'"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
-
-}  // namespace
-
-std::string bridgeReplyHead(const std::string& reqIdText, bool ok) {
-  return "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('" + quotedForJs(reqIdText) +
-         "', " + (ok ? "1" : "0") + ", ";
-}
-
-std::string bridgeIdText(const Json& reqId) { return valueText(reqId); }
-
-std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson) {
-  return bridgeReplyHead(reqIdText, ok) + valueJson + std::string(kBridgeReplyTail);
-}
-
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson) {
   return "window.__ondrel && window.__ondrel.invoke ? window.__ondrel.invoke('" + callId + "', '" + handler +
          "', ..." + argsJson + ") : window.webkit.messageHandlers.ondrel.postMessage(   { __bridgeId: '" + callId +
          "', ok: false, error: 'bridge-not-ready' })";
-}
-
-ReplyText::ReplyText(std::string guard, const Json& reqId) : guard_(std::move(guard)), idText_(bridgeIdText(reqId)) {}
-
-std::string ReplyText::operator()(bool ok, const Json& value) const {
-  std::string json;
-  try {
-    json = value.dump();
-  } catch (const Json::exception&) {
-    json = "null";
-  }
-  return (*this)(ok, json.size(), [&json](std::string& script) { script += json; });
-}
-
-std::string ReplyText::operator()(bool ok, size_t sizeHint, const std::function<void(std::string&)>& appendJson) const {
-  const std::string head = bridgeReplyHead(idText_, ok);
-  std::string script;
-  script.reserve(guard_.size() + head.size() + sizeHint + kBridgeReplyTail.size() + 2);
-  script += guard_;
-  script += '(';
-  script += head;
-  appendJson(script);
-  script += kBridgeReplyTail;
-  script += ')';
-  return script;
 }
 
 Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer)
@@ -120,19 +62,24 @@ void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
   host_.evaluateScript(ReplyText(guard_, reqId)(ok, value));
 }
 
-void Bridge::replyFromFileThread(const Json& reqId, std::function<std::string(const ReplyText& reply)> work) {
+void Bridge::replyFromFileThread(const Json& reqId,
+                                 std::function<std::vector<std::string>(const ReplyText& reply)> work) {
   if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>("ondrel-files");
   fileThread_->async([reply = ReplyText(guard_, reqId), work = std::move(work),
                       alive = std::weak_ptr<Bridge*>(alive_)] {
-    std::string script;
+    std::vector<std::string> scripts;
     try {
-      script = work(reply);
+      scripts = work(reply);
     } catch (const std::exception& e) {  // such as running out of memory: still one reply
-      script = reply(false, e.what());
+      scripts = {reply(false, e.what())};
     }
-    runOnMain([script = std::move(script), alive]() mutable {
-      if (auto bridge = alive.lock()) (*bridge)->host_.evaluateScript(std::move(script));
-    });
+    // One hop each, so the window answers input between the pieces of a
+    // large reply.
+    for (auto& script : scripts) {
+      runOnMain([script = std::move(script), alive]() mutable {
+        if (auto bridge = alive.lock()) (*bridge)->host_.evaluateScript(std::move(script));
+      });
+    }
   });
 }
 

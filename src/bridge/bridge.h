@@ -5,10 +5,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "base/json.h"
 #include "bridge/agent_sounds.h"
+#include "bridge/reply_text.h"
 
 struct ScrimColor {
   double r = 0, g = 0, b = 0, a = 0;
@@ -32,22 +33,6 @@ class BridgeHost {
   // nullopt removes the tint.
   virtual void setChromeScrim(const std::optional<ScrimColor>& color) = 0;
   virtual void openInBrowser(const std::string& url) = 0;
-};
-
-// Makes the script of one reply to a native-action request; a copy can do
-// so on any thread.
-class ReplyText {
- public:
-  ReplyText(std::string guard, const Json& reqId);
-  std::string operator()(bool ok, const Json& value) const;
-  // For large values: appendJson writes the value's JSON text straight into
-  // the script, so a big payload is not copied through intermediate
-  // strings. sizeHint is the expected JSON length.
-  std::string operator()(bool ok, size_t sizeHint, const std::function<void(std::string&)>& appendJson) const;
-
- private:
-  std::string guard_;
-  std::string idText_;
 };
 
 class SerialQueue;
@@ -80,7 +65,7 @@ class Bridge {
   // output): runs on the bridge's file thread, one piece after another in
   // the order given, and its reply (made there) goes to the page from the
   // main thread.
-  void replyFromFileThread(const Json& reqId, std::function<std::string(const ReplyText& reply)> work);
+  void replyFromFileThread(const Json& reqId, std::function<std::vector<std::string>(const ReplyText& reply)> work);
 
   // Calls a page handler; its answer is only logged.
   void invokeHandler(const std::string& handler, const Json& args, const std::string& desc);
@@ -118,13 +103,5 @@ extern std::map<std::string, std::function<void(const Json& answer)>> gPending;
 // The tint for "setChromeScrim" [r, g, b, a]: nullopt removes it.
 std::optional<ScrimColor> scrimColorFromArgs(const Json& args);
 
-// The JavaScript texts the native side evaluates in the page.
-std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson);
-// The reply expression is head + value JSON + tail, for writers that put a
-// large value in place.
-std::string bridgeReplyHead(const std::string& reqIdText, bool ok);
-inline constexpr std::string_view kBridgeReplyTail = ") : console.error('__resolve missing') ";
+// The JavaScript text of a native-to-page call.
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson);
-
-// The text form of a request id as it goes between the quotes of a reply.
-std::string bridgeIdText(const Json& reqId);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "base/files.h"
 #include "bridge/agent_sounds.h"
@@ -27,6 +28,9 @@ namespace {
 // text that large is not something a page shows anyway.
 constexpr size_t kMaxPresentable = 16777216;
 const char* const kTooLarge = "file too large to present (max 16 MB)";
+
+// About how much of a long reply goes to the page in one script.
+constexpr size_t kPieceBytes = 1 << 20;
 
 const Json kOk = Json{{"ok", true}};
 
@@ -127,6 +131,20 @@ void appendJsonString(std::string& out, const char* data, size_t size) {
   out += '"';
 }
 
+// Where valid UTF-8 text is cut into pieces of about kPieceBytes: the
+// offsets of the pieces' starts and then the text's end. Never inside a
+// character, so each piece is valid text on its own.
+std::vector<size_t> pieceCuts(const std::string& text) {
+  std::vector<size_t> cuts{0};
+  while (text.size() - cuts.back() > kPieceBytes) {
+    size_t cut = cuts.back() + kPieceBytes;
+    while ((static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    cuts.push_back(cut);
+  }
+  cuts.push_back(text.size());
+  return cuts;
+}
+
 void appendBase64(std::string& out, const guchar* data, size_t size) {
   size_t start = out.size();
   out.resize(start + (size / 3 + 1) * 4 + 4);
@@ -171,15 +189,17 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFile expects [path]");
       return;
     }
-    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) {
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
       bool tooLarge = false;
       std::string error;
       auto text = readFileLimited(path, kMaxPresentable, tooLarge, error);
-      if (!text) return reply(false, tooLarge ? kTooLarge : error);
+      if (!text) return {reply(false, tooLarge ? kTooLarge : error)};
       if (!g_utf8_validate_len(text->data(), text->size(), nullptr))
-        return reply(false, "The file “" + path + "” couldn’t be read because it is not valid UTF-8 text.");
-      return reply(true, text->size() + text->size() / 8 + 2,
-                   [&](std::string& out) { appendJsonString(out, text->data(), text->size()); });
+        return {reply(false, "The file “" + path + "” couldn’t be read because it is not valid UTF-8 text.")};
+      const auto cuts = pieceCuts(*text);
+      return reply.inPieces(true, cuts.size() - 1, kPieceBytes + kPieceBytes / 8, [&](std::string& out, size_t i) {
+        appendJsonString(out, text->data() + cuts[i], cuts[i + 1] - cuts[i]);
+      });
     });
   });
 
@@ -189,14 +209,20 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFileBase64 expects [path]");
       return;
     }
-    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) {
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
       bool tooLarge = false;
       std::string error;
       auto bytes = readFileLimited(path, kMaxPresentable, tooLarge, error);
-      if (!bytes) return reply(false, tooLarge ? kTooLarge : error);
-      return reply(true, (bytes->size() / 3 + 1) * 4 + 2, [&](std::string& out) {
+      if (!bytes) return {reply(false, tooLarge ? kTooLarge : error)};
+      // Whole groups of three bytes a piece, so the pieces' Base64 joins into
+      // the whole file's.
+      const size_t piece = kPieceBytes / 4 * 3;
+      const size_t count = std::max<size_t>(1, (bytes->size() + piece - 1) / piece);
+      return reply.inPieces(true, count, kPieceBytes + 2, [&](std::string& out, size_t i) {
+        const size_t start = i * piece;
         out += '"';
-        appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()), bytes->size());
+        appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()) + start,
+                     std::min(piece, bytes->size() - start));
         out += '"';
       });
     });
@@ -215,11 +241,10 @@ void Bridge::addBuiltInActions() {
     replyFromFileThread(reqId, [path = *path, content = std::move(content)](const ReplyText& reply) {
       if (path.find('/') != std::string::npos) {
         auto made = makeDirectories(parentDirectory(path));
-        if (!made.ok) return reply(false, made.error);
+        if (!made.ok) return std::vector<std::string>{reply(false, made.error)};
       }
       auto written = writeFileAtomically(path, content);
-      if (!written.ok) return reply(false, written.error);
-      return reply(true, kOk);
+      return std::vector<std::string>{written.ok ? reply(true, kOk) : reply(false, written.error)};
     });
   });
 

@@ -18,36 +18,25 @@ struct ScriptBatch::State {
   void flush() {
     std::vector<std::string> scripts;
     scripts.swap(waiting);  // an evaluation may add more; they wait for the next turn
-    auto run = scripts.begin();
-    for (auto it = scripts.begin(); it != scripts.end(); ++it) {
-      if (it->size() < kAloneFrom) continue;
-      evaluateTogether(run, it);
-      evaluate(*it);
-      run = it + 1;
-    }
-    evaluateTogether(run, scripts.end());
-  }
-
-  void evaluateTogether(std::vector<std::string>::iterator begin, std::vector<std::string>::iterator end) {
-    if (begin == end) return;
-    if (end - begin == 1) {
-      evaluate(*begin);
+    if (scripts.empty()) return;
+    if (scripts.size() == 1) {
+      evaluate(scripts.front());
       return;
     }
     size_t size = guard.size() + 32;
-    for (auto it = begin; it != end; ++it) size += it->size() + 24;
+    for (const auto& s : scripts) size += s.size() + 24;
     std::string script;
     script.reserve(size);
     script += guard;
-    script += "(function () {\n";
+    script += "((function () {\n";
     // Each threw in an evaluation of its own before; it still does not
     // reach the next.
-    for (auto it = begin; it != end; ++it) {
+    for (const auto& s : scripts) {
       script += "try { ";
-      script += *it;
+      script += s;
       script += " } catch (e) {}\n";
     }
-    script += "})()";
+    script += "})())";
     evaluate(script);
   }
 };
@@ -60,6 +49,11 @@ ScriptBatch::ScriptBatch(std::string guard, Evaluate evaluate, Schedule schedule
 }
 
 void ScriptBatch::add(std::string script) {
+  if (script.size() >= kAloneFrom) {
+    state_->flush();
+    state_->evaluate(script);
+    return;
+  }
   state_->waiting.push_back(std::move(script));
   if (state_->flushScheduled) return;
   state_->flushScheduled = true;

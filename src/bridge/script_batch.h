@@ -9,7 +9,8 @@
 // evaluation (a message to the web process, a compile), hardly per byte.
 // Each script still runs on its own, so one that throws (a page's __resolve
 // failing) does not keep the ones after it from running. A large script
-// goes alone, so its text is not copied into a batch.
+// goes at once and alone (after those waiting), so its text is not copied
+// into a batch and the pieces of a long reply each get a turn of their own.
 class ScriptBatch {
  public:
   using Evaluate = std::function<void(const std::string& script)>;

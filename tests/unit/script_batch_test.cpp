@@ -29,12 +29,12 @@ struct Rig {
 std::string guarded(const std::string& body) { return kGuard + "(" + body + ")"; }
 
 std::string together(const std::vector<std::string>& scripts) {
-  std::string out = kGuard + "(function () {\n";
+  std::string out = kGuard + "((function () {\n";
   for (const auto& s : scripts) out += "try { " + s + " } catch (e) {}\n";
-  return out + "})()";
+  return out + "})())";
 }
 
-TEST(ScriptBatch, ScriptsOfOneTurnGoTogetherInOrderAndLargeOnesAlone) {
+TEST(ScriptBatch, ScriptsOfOneTurnGoTogetherInOrderAndLargeOnesAtOnceAlone) {
   const std::string a = guarded("f('a')"), b = guarded("f('b')"), c = guarded("f('c')");
   const std::string big = guarded("f('" + std::string(70 * 1024, 'x') + "')");
   const struct {
@@ -50,8 +50,7 @@ TEST(ScriptBatch, ScriptsOfOneTurnGoTogetherInOrderAndLargeOnesAlone) {
   for (const auto& c : cases) {
     Rig rig;
     for (const auto& s : c.added) rig.batch.add(s);
-    EXPECT_TRUE(rig.evaluated.empty()) << "nothing before the turn ends";
-    EXPECT_EQ(rig.turns.size(), 1u) << "one flush per turn";
+    EXPECT_LE(rig.turns.size(), 1u) << "one flush per turn";
     rig.endTurn();
     EXPECT_EQ(rig.evaluated, c.evaluated) << c.added.size();
   }
@@ -60,6 +59,7 @@ TEST(ScriptBatch, ScriptsOfOneTurnGoTogetherInOrderAndLargeOnesAlone) {
 TEST(ScriptBatch, FlushGoesFirstAndLaterScriptsWaitForTheirTurn) {
   Rig rig;
   rig.batch.add(guarded("1"));
+  EXPECT_TRUE(rig.evaluated.empty()) << "small scripts wait for the turn to end";
   rig.batch.flush();  // before a script that must not overtake it
   EXPECT_EQ(rig.evaluated, (std::vector<std::string>{guarded("1")}));
   rig.batch.add(guarded("2"));
