@@ -39,7 +39,7 @@ GtkBridgeHost::GtkBridgeHost(GtkWindow* window, WebKitWebView* view, const std::
             webkit_web_view_evaluate_javascript(view, script.data(), static_cast<gssize>(script.size()), nullptr,
                                                 nullptr, nullptr, nullptr, nullptr);
           },
-          runOnMain) {}
+          runOnMain, mainLoopTurn) {}
 
 void GtkBridgeHost::evaluateScript(std::string script) { batch_.add(std::move(script)); }
 

@@ -78,6 +78,7 @@ GtkWidget* createLogPanel() {
   gLog = GTK_TEXT_VIEW(text);
   gLogScroll = scroll;
   setLogPanelSink(showAtNextFrame);
+  setLogPanelWakes(false);
   return scroll;
 }
 
@@ -85,6 +86,7 @@ void toggleLogPanel() {
   if (!gLogScroll) return;
   bool show = !gtk_widget_get_visible(gLogScroll);
   gtk_widget_set_visible(gLogScroll, show);
+  setLogPanelWakes(show);
   if (show) {
     scrollToEnd();
     showAtNextFrame();

@@ -16,7 +16,8 @@ struct PanelFeed {
   std::mutex lock;
   NewestLines waiting{kLogPanelMaxLines};
   bool hopQueued = false;
-  std::function<void()> wake;  // main thread only
+  bool wakesWanted = true;
+  std::function<void()> wake;
 };
 
 PanelFeed& panelFeed() {
@@ -60,7 +61,8 @@ void logLine(const std::string& line) {
   {
     std::lock_guard guard(feed.lock);
     feed.waiting.appendLine(shortened.empty() ? line : shortened);
-    hop = !std::exchange(feed.hopQueued, true);
+    // Without a panel yet, the hop is what drops the line from it.
+    hop = (feed.wakesWanted || !feed.wake) && !std::exchange(feed.hopQueued, true);
   }
   if (hop) runOnMain(deliverToPanel);
 }
@@ -69,6 +71,12 @@ void setLogPanelSink(std::function<void()> wake) {
   PanelFeed& feed = panelFeed();
   std::lock_guard guard(feed.lock);
   feed.wake = std::move(wake);
+}
+
+void setLogPanelWakes(bool wanted) {
+  PanelFeed& feed = panelFeed();
+  std::lock_guard guard(feed.lock);
+  feed.wakesWanted = wanted;
 }
 
 std::string takeLogPanelText(size_t maxLines) {

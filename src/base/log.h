@@ -17,6 +17,10 @@ void logToSystemOnly(const std::string& line);
 // system log has them. Main thread only.
 void setLogPanelSink(std::function<void()> wake);
 
+// A hidden panel needs no wake: lines wait for it all the same (the newest
+// kLogPanelMaxLines), without a hop to the main thread for each turn.
+void setLogPanelWakes(bool wanted);
+
 // The oldest maxLines of the lines waiting for the panel, each followed by a
 // line feed. At most the newest kLogPanelMaxLines lines wait.
 std::string takeLogPanelText(size_t maxLines);

@@ -12,8 +12,10 @@ struct ScriptBatch::State {
   std::string guard;
   Evaluate evaluate;
   Schedule schedule;
+  Turn turn;
   std::vector<std::string> waiting;
   bool flushScheduled = false;
+  uint64_t lastTurn = UINT64_MAX;
 
   void flush() {
     std::vector<std::string> scripts;
@@ -41,16 +43,23 @@ struct ScriptBatch::State {
   }
 };
 
-ScriptBatch::ScriptBatch(std::string guard, Evaluate evaluate, Schedule schedule)
+ScriptBatch::ScriptBatch(std::string guard, Evaluate evaluate, Schedule schedule, Turn turn)
     : state_(std::make_shared<State>()) {
   state_->guard = std::move(guard);
   state_->evaluate = std::move(evaluate);
   state_->schedule = std::move(schedule);
+  state_->turn = std::move(turn);
 }
 
 void ScriptBatch::add(std::string script) {
   if (script.size() >= kAloneFrom) {
     state_->flush();
+    state_->evaluate(script);
+    return;
+  }
+  const uint64_t turn = state_->turn();
+  if (state_->waiting.empty() && turn != state_->lastTurn) {
+    state_->lastTurn = turn;
     state_->evaluate(script);
     return;
   }
