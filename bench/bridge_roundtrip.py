@@ -128,7 +128,8 @@ def main() -> int:
             print(label)
             continue
         line = f"{label:24s}" + "".join(f"{fmt.format(med[name][key]):>12s}" for name in names)
-        line += "".join(f"{med[name][key] / med['floor'][key]:>15.2f}x" for name in names if name != "floor")
+        line += "".join(f"{med[name][key] / med['floor'][key]:>15.2f}x" if med["floor"][key] else f"{'-':>16s}"
+                        for name in names if name != "floor")
         print(line)
     print(json.dumps(results))
     return 0

@@ -30,7 +30,7 @@ constexpr size_t kMaxPresentable = 16777216;
 const char* const kTooLarge = "file too large to present (max 16 MB)";
 
 // About how much of a long reply goes to the page in one script.
-constexpr size_t kPieceBytes = 1 << 20;
+constexpr size_t kPieceBytes = 1 << 18;
 
 const Json kOk = Json{{"ok", true}};
 
