@@ -29,7 +29,9 @@ namespace {
 constexpr size_t kMaxPresentable = 16777216;
 const char* const kTooLarge = "file too large to present (max 16 MB)";
 
-// About how much of a long reply goes to the page in one script.
+// About how much of a long reply goes to the page in one script: WebKit
+// copies a script's text several times on the main thread, which for this
+// much takes a millisecond or two.
 constexpr size_t kPieceBytes = 1 << 18;
 
 const Json kOk = Json{{"ok", true}};
