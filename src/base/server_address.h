@@ -26,3 +26,8 @@ std::string ondrelRawHostOf(const std::string& url);
 
 // Lower-cased scheme, or "" when the text does not parse as a URL.
 std::string ondrelSchemeOf(const std::string& url);
+
+// The web origin of an http(s) URL as a page reads it in location.origin:
+// "scheme://host[:port]", lower-cased, the scheme's default port left out.
+// "" for anything else.
+std::string ondrelOriginOf(const std::string& url);

@@ -32,6 +32,7 @@ std::vector<std::string> buildSandboxArgs(const SandboxPaths& paths, const std::
   if (paths.tmpDir && tmpDirIsUsable(*paths.tmpDir, paths.home)) add({"--bind", *paths.tmpDir, *paths.tmpDir});
   add({"--bind", paths.workDir, paths.workDir});
   for (const auto& folder : protectedFolders(paths.home)) add({"--ro-bind", folder, folder});
+  for (const auto& path : paths.readOnly) add({"--ro-bind", path, path});
   // bubblewrap means to cover /proc/sys but skips it when the folder itself
   // is not writable, which it never is; yet a command run by root could then
   // write kernel settings such as core_pattern and run anything outside.

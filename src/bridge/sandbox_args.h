@@ -20,6 +20,7 @@ struct SandboxPaths {
   std::string home;
   std::string workDir;
   std::optional<std::string> tmpDir;  // the resolved TMPDIR, if any
+  std::vector<std::string> readOnly;  // more places bound read-only, after the key folders
 };
 
 // "parent/name" without doubling the slash when parent is "/".
@@ -28,7 +29,7 @@ std::string joinPath(const std::string& parent, const std::string& name);
 // True when path is folder itself or lies below it (by whole components).
 bool isSameOrInside(const std::string& path, const std::string& folder);
 
-// The folders of home that stay read-only whatever else is writable.
+// The key folders of home, which stay read-only whatever else is writable.
 std::vector<std::string> protectedFolders(const std::string& home);
 
 // A TMPDIR of "/" would make everything writable, and one inside a

@@ -7,6 +7,7 @@ and then checked from outside, on the real files.
 
 from __future__ import annotations
 
+import json
 import os
 import shutil
 import stat
@@ -16,6 +17,7 @@ from pathlib import Path
 import pytest
 
 from exec_client import ExecClient, user_home_base
+from harness import BINARY
 
 IS_ROOT = os.geteuid() == 0
 pytestmark = pytest.mark.skipif(not os.access("/usr/bin/bwrap", os.X_OK), reason="bubblewrap is not installed")
@@ -60,14 +62,15 @@ def mode(request):
 
 @pytest.fixture
 def start(screen, web, tmp_path, mode, request):
-    """start(env=None, prepare=None) -> a running ExecClient with a fresh HOME.
+    """start(env=None, prepare=None, binary=None) -> a running ExecClient with a fresh HOME.
 
-    prepare(home) may fill the home folder before the app starts.
+    prepare(home) may fill the home folder before the app starts; binary, a
+    path inside that home, is the program to run instead of the build's.
     """
     clients: list[ExecClient] = []
     bases: list[Path] = []
 
-    def _start(env: dict | None = None, prepare=None) -> ExecClient:
+    def _start(env: dict | None = None, prepare=None, binary: str | None = None) -> ExecClient:
         if mode == "nobody":
             base = user_home_base()
             bases.append(base)
@@ -78,7 +81,8 @@ def start(screen, web, tmp_path, mode, request):
         home.mkdir()
         if prepare:
             prepare(home)
-        client = ExecClient(screen, web, home, user=(mode == "nobody"), env=env)
+        client = ExecClient(screen, web, home, user=(mode == "nobody"), env=env,
+                            binary=str(home / binary) if binary else BINARY)
         clients.append(client)
         return client.start()
 
@@ -294,6 +298,55 @@ def test_protected_files_resist_every_kind_of_change(start):
     assert not (c.home / "linked-").exists() and not (c.home / "ssh-away").exists()
 
 
+APPDIR = "Applications/Ondrel.AppDir"
+
+
+def test_what_runs_outside_later_stays_read_only(start):
+    """The app's own folders, its AppDir, the desktop's autostart and the shell's
+    start-up files: each attempt is paired with the same change beside it."""
+    settings = {"sandboxReadOnly": ["~/hooks"]}
+
+    def prepare(home):
+        (home / APPDIR / "usr" / "bin").mkdir(parents=True)
+        shutil.copy2(BINARY, home / APPDIR / "usr" / "bin" / "ondrel")
+        (home / ".bashrc").write_text("# mine\n")
+        (home / "hooks").mkdir()
+        (home / ".config" / "ondrel").mkdir(parents=True)
+        (home / ".config" / "ondrel" / "config.json").write_text(json.dumps(settings))
+    c = start(prepare=prepare, binary=f"{APPDIR}/usr/bin/ondrel")
+    r = c.run(PROBE + f'''
+        cd "$HOME"; mkdir -p .config/other .local/share/other .cache/other
+        t settings sh -c 'echo "{{}}" > .config/ondrel/config.json'
+        t control_settings sh -c 'echo "{{}}" > .config/other/config.json'
+        t data touch .local/share/ondrel/pending-update.json
+        t cache touch .cache/ondrel/sw.js
+        t control_data touch .local/share/other/pending-update.json .cache/other/sw.js
+        t appdir touch {APPDIR}/usr/bin/planted
+        t appdir_move mv {APPDIR} Applications/away
+        t control_appdir touch Applications/beside
+        t autostart touch .config/autostart/run.desktop
+        t systemd touch .config/systemd/user/run.service
+        t environment touch .config/environment.d/path.conf
+        t control_config touch .config/other/run.desktop
+        t startup sh -c 'echo planted >> .bashrc'
+        t startup_replace rm -f .bashrc
+        t control_startup sh -c 'echo planted >> .bashrc.old'
+        t user_added touch hooks/planted
+        t control_user_added sh -c 'mkdir hooks2 && touch hooks2/planted'
+    ''')
+    assert_outcomes(r, failed=["settings", "data", "cache", "appdir", "appdir_move", "autostart", "systemd",
+                               "environment", "startup", "startup_replace", "user_added"],
+                    succeeded=["control_settings", "control_data", "control_appdir", "control_config",
+                               "control_startup", "control_user_added"])
+    assert json.loads((c.home / ".config" / "ondrel" / "config.json").read_text()) == settings
+    assert (c.home / ".bashrc").read_text() == "# mine\n"
+    assert not (c.home / ".zshrc").exists(), "a start-up file was made"
+    for folder in (".config/autostart", ".config/systemd/user", ".config/environment.d"):
+        assert stat.S_IMODE((c.home / folder).stat().st_mode) == 0o700, folder
+    # The page still changes the settings: that runs in the app, not in a command.
+    assert c.bridge.call("mcpWriteConfig", json.dumps({"mcpServers": {}}))[0]
+
+
 def test_working_directory_linked_to_ssh_stays_read_only(start):
     def prepare(home):
         (home / ".ssh").mkdir(mode=0o700)
@@ -350,7 +403,14 @@ def test_hard_link_to_a_protected_file_is_never_written(start):
 def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
     c = start()
     app = c.app.pid
+    # process_vm_readv of one word at address 0: "permission denied" fails,
+    # anything else (a bad address) means the memory was reachable.
+    vm = ("import ctypes,sys; libc=ctypes.CDLL(None, use_errno=True); b=ctypes.create_string_buffer(8); "
+          "io=lambda a: (ctypes.c_size_t*2)(a, 8); "
+          "n=libc.process_vm_readv(int(sys.argv[1]), io(ctypes.addressof(b)), 1, io(0), 1, 0); "
+          "sys.exit(1 if n < 0 and ctypes.get_errno() == 1 else 0)")
     r = c.run(PROBE + f'''
+        VM="{vm}"
         t app_root ls /proc/{app}/root/
         t app_root_write touch /proc/{app}/root/var/tmp/ondrel-e2e-proc-escape
         t app_ssh sh -c 'echo x > /proc/{app}/root$HOME/.ssh/known_hosts'
@@ -359,8 +419,12 @@ def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
         t app_environ cat /proc/{app}/environ
         t init_root ls /proc/1/root/
         t ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, {app}, 0, 0) != 0)"
+        t mem $PY -c "open('/proc/{app}/mem', 'r+b')"
+        t vm_read $PY -c "$VM" {app}
         sleep 5 & own=$!
         t control_ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, $own, 0, 0) != 0)"
+        t control_mem $PY -c "open('/proc/$own/mem', 'r+b')"
+        t control_vm_read $PY -c "$VM" $own
         t control_root ls /proc/$own/root/
         t control_environ cat /proc/$own/environ
         kill $own
@@ -368,8 +432,8 @@ def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
         echo "fds: $(tr '\\n' ' ' < "$HOME/fds.out")"
     ''')
     assert_outcomes(r, failed=["app_root", "app_root_write", "app_ssh", "app_cwd", "app_fd", "app_environ",
-                               "init_root", "ptrace"],
-                    succeeded=["control_ptrace", "control_root", "control_environ"])
+                               "init_root", "ptrace", "mem", "vm_read"],
+                    succeeded=["control_ptrace", "control_mem", "control_vm_read", "control_root", "control_environ"])
     assert "fds: 0 1 2 \n" in r.stdout
     assert not Path("/var/tmp/ondrel-e2e-proc-escape").exists()
     assert not (c.home / "escape").exists()

@@ -25,7 +25,7 @@ long lastWritableBind(const Args& args) {
 }
 
 TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
-  SandboxPaths paths{"/home/u", "/home/u/project", std::string("/home/u/tmp")};
+  SandboxPaths paths{"/home/u", "/home/u/project", std::string("/home/u/tmp"), {"/home/u/.bashrc", "/opt/A.AppDir"}};
   Args expected = {"/usr/bin/bwrap",
                    "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
                    "--bind", "/home/u", "/home/u",
@@ -34,6 +34,8 @@ TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
                    "--bind", "/home/u/project", "/home/u/project",
                    "--ro-bind", "/home/u/.ssh", "/home/u/.ssh",
                    "--ro-bind", "/home/u/.gnupg", "/home/u/.gnupg",
+                   "--ro-bind", "/home/u/.bashrc", "/home/u/.bashrc",
+                   "--ro-bind", "/opt/A.AppDir", "/opt/A.AppDir",
                    "--ro-bind", "/proc/sys", "/proc/sys",
                    "--unshare-user", "--disable-userns", "--cap-drop", "ALL", "--new-session", "--die-with-parent",
                    "--chdir", "/home/u/project", "--", "/bin/bash", "-lc", "make 'a b' && echo \"$HOME\""};
@@ -59,14 +61,16 @@ TEST(SandboxArgs, ProtectedFoldersAreMountedAfterEveryWritablePlace) {
       {"/proc", "/proc/sys/kernel"},
   };
   for (const auto& [work, tmp] : cases) {
-    Args args = buildSandboxArgs({"/home/u", work, tmp}, "true");
+    Args args = buildSandboxArgs({"/home/u", work, tmp, {"/home/u/.config/ondrel"}}, "true");
+    long settings = mountIndex(args, "--ro-bind", "/home/u/.config/ondrel");
     long ssh = mountIndex(args, "--ro-bind", "/home/u/.ssh");
     long gnupg = mountIndex(args, "--ro-bind", "/home/u/.gnupg");
     long sysctl = mountIndex(args, "--ro-bind", "/proc/sys");
     ASSERT_GE(ssh, 0) << work;
     ASSERT_GE(gnupg, 0) << work;
     ASSERT_GE(sysctl, 0) << work;
-    for (long protectedMount : {ssh, gnupg, sysctl})
+    ASSERT_GE(settings, 0) << work;
+    for (long protectedMount : {ssh, gnupg, settings, sysctl})
       EXPECT_GT(protectedMount, lastWritableBind(args)) << work << " " << tmp;
     EXPECT_EQ(mountIndex(args, "--ro-bind", "/"), 1) << "the read-only root comes first";
     EXPECT_GE(mountIndex(args, "--bind", work), 0) << "the working directory is always writable";
@@ -87,7 +91,7 @@ TEST(SandboxArgs, TmpDirIsLeftOutWhenItWouldOpenTooMuch) {
       {std::string("/run/user/1000"), true},
   };
   for (const auto& [tmp, kept] : cases) {
-    Args args = buildSandboxArgs({"/home/u", "/work", tmp}, "true");
+    Args args = buildSandboxArgs({"/home/u", "/work", tmp, {}}, "true");
     // Count the writable binds that are not the fixed ones.
     long extra = 0;
     for (size_t i = 0; i + 2 < args.size(); ++i)

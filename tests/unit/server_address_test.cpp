@@ -105,3 +105,17 @@ TEST(ServerAddress, HostOfIsLowerCasedWithoutBracketsOrPort) {
 }
 
 }  // namespace
+
+TEST(ServerAddress, OriginIsWhatThePageReadsInLocationOrigin) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"https://Team.on.Example.COM", "https://team.on.example.com"},
+      {"HTTP://127.0.0.1:8123/path?q#f", "http://127.0.0.1:8123"},
+      {"https://host:443/", "https://host"},
+      {"http://host:80", "http://host"},
+      {"http://host:443", "http://host:443"},
+      {"http://[::1]:9000/", "http://[::1]:9000"},
+      {"file:///etc/passwd", ""},
+      {"not a url", ""},
+  };
+  for (const auto& [url, origin] : cases) EXPECT_EQ(ondrelOriginOf(url), origin) << url;
+}
