@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -67,6 +68,7 @@ std::optional<std::string> userHome(const std::string& name) {
 struct LinkCensus {
   std::map<std::pair<dev_t, ino_t>, nlink_t> seen;
   std::map<std::pair<dev_t, ino_t>, std::pair<nlink_t, std::string>> linked;  // nlink > 1
+  std::vector<std::string> symlinks;
   size_t entries = 0;
 };
 
@@ -100,6 +102,10 @@ bool takeCensus(int dirFd, const std::string& path, int depth, LinkCensus& censu
         complete = false;
         break;
       }
+      continue;
+    }
+    if (S_ISLNK(st.st_mode)) {
+      census.symlinks.push_back(child);
       continue;
     }
     if (st.st_nlink <= 1) continue;
@@ -294,6 +300,18 @@ ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string
 
 }  // namespace
 
+std::string runtimeDir() {
+  if (const char* dir = std::getenv("XDG_RUNTIME_DIR"); dir && dir[0] == '/') return dir;
+  std::string fallback = "/run/user/" + std::to_string(getuid());
+  return access(fallback.c_str(), F_OK) == 0 ? fallback : std::string();
+}
+
+bool networkAllowed(const std::optional<Json>& config) {
+  if (!config) return true;
+  auto it = config->find("sandboxNetwork");
+  return it == config->end() || !it->is_boolean() || it->get<bool>();
+}
+
 std::string expandTilde(const std::string& path, const std::string& home) {
   if (path.empty() || path[0] != '~') return path;
   size_t slash = path.find('/');
@@ -310,7 +328,7 @@ std::string resolveWorkDir(const std::string& dir, const std::string& home) {
   return realPath(expanded).value_or(expanded);
 }
 
-std::optional<std::string> prepareProtectedFolders(const std::string& home) {
+std::optional<std::string> prepareProtectedFolders(const std::string& home, std::vector<std::string>& binds) {
   const auto folders = protectedFolders(home);
   for (const auto& folder : folders)
     if (auto refusal = prepareFolder(folder)) return refusal;
@@ -326,6 +344,16 @@ std::optional<std::string> prepareProtectedFolders(const std::string& home) {
     if (census.seen[key] < info.first)
       return "exec refused: " + info.second +
              " has a hard link outside the protected folders, through which a command could change it";
+  }
+  // A dotfile manager's ~/.ssh/config -> ~/dotfiles/ssh/config: the link
+  // cannot change, but its target would be writable.
+  for (const auto& link : census.symlinks) {
+    auto target = realPath(link);
+    if (!target)
+      return "exec refused: " + link + " points to something that does not exist, which a command could create";
+    bool inside = std::any_of(folders.begin(), folders.end(),
+                              [&](const std::string& folder) { return isSameOrInside(*target, folder); });
+    if (!inside && std::find(binds.begin(), binds.end(), *target) == binds.end()) binds.push_back(*target);
   }
   return std::nullopt;
 }
@@ -348,13 +376,13 @@ std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::v
   return std::nullopt;
 }
 
-ReadOnlyPlan currentReadOnlyPlan(const std::string& home) {
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home, const std::optional<Json>& config) {
   std::string configHome = joinPath(home, ".config");
   if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/') configHome = realPath(xdg).value_or(xdg);
   std::error_code ignored;
   auto appDir = ondrelBundleOfExecutable(std::filesystem::read_symlink("/proc/self/exe", ignored).string());
   std::vector<std::string> userPaths;
-  for (const auto& entry : userReadOnlyEntries(ondrelReadConfig())) userPaths.push_back(expandTilde(entry, home));
+  for (const auto& entry : userReadOnlyEntries(config)) userPaths.push_back(expandTilde(entry, home));
   return readOnlyPlan(home, configHome, appDir, userPaths);
 }
 
@@ -461,8 +489,11 @@ void execCommand(const Json& args, ExecReply reply) {
     bool ok = false;
     Json value;
     try {
-      auto refusal = prepareProtectedFolders(paths.home);
-      if (!refusal) refusal = prepareReadOnlyPaths(currentReadOnlyPlan(paths.home), paths.readOnly);
+      const auto config = ondrelReadConfig();
+      auto refusal = prepareProtectedFolders(paths.home, paths.readOnly);
+      if (!refusal) refusal = prepareReadOnlyPaths(currentReadOnlyPlan(paths.home, config), paths.readOnly);
+      paths.doors = findDesktopDoors(runtimeDir(), std::getenv("DBUS_SESSION_BUS_ADDRESS") ?: "");
+      paths.network = networkAllowed(config);
       if (refusal) {
         value = *refusal;
       } else {

@@ -43,8 +43,10 @@ std::string resolveWorkDir(const std::string& dir, const std::string& home);
 // Makes sure the protected folders of home can be mounted read-only: a
 // missing one is created with mode 0700; a symbolic link, or a file in them
 // that has a hard link elsewhere, is refused, since writes through either
-// would bypass the read-only mount. Returns the reason for a refusal.
-std::optional<std::string> prepareProtectedFolders(const std::string& home);
+// would bypass the read-only mount. The targets outside of links inside
+// them are added to binds; a link to nothing is refused. Returns the reason
+// for a refusal.
+std::optional<std::string> prepareProtectedFolders(const std::string& home, std::vector<std::string>& binds);
 
 // Makes the plan's missing folders (0700) and lists every path of the plan
 // to bind read-only into binds. A symbolic link, which a command could
@@ -54,7 +56,13 @@ std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::v
 
 // The plan for this user and this run of the app: its AppDir, the
 // environment's configuration folder and the settings' own entries.
-ReadOnlyPlan currentReadOnlyPlan(const std::string& home);
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home, const std::optional<Json>& config);
+
+// $XDG_RUNTIME_DIR, or /run/user/<uid> when that exists; "" otherwise.
+std::string runtimeDir();
+
+// "sandboxNetwork": only an explicit false takes the network away.
+bool networkAllowed(const std::optional<Json>& config);
 
 // Strict UTF-8 (no overlong forms, surrogates or values past U+10FFFF);
 // NUL bytes are valid characters.

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "bridge/desktop_doors.h"
+
 // The confinement for "exec": bubblewrap with the whole file system read-only
 // and only the writable places bound back. Everything here is pure so the
 // argument list can be checked without running anything.
@@ -21,6 +23,8 @@ struct SandboxPaths {
   std::string workDir;
   std::optional<std::string> tmpDir;  // the resolved TMPDIR, if any
   std::vector<std::string> readOnly;  // more places bound read-only, after the key folders
+  DesktopDoors doors;                 // covered, whatever is writable around them
+  bool network = true;                // false: a network namespace of its own, loopback only
 };
 
 // "parent/name" without doubling the slash when parent is "/".

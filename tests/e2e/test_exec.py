@@ -11,12 +11,13 @@ import json
 import os
 import shutil
 import stat
+import subprocess
 import uuid
 from pathlib import Path
 
 import pytest
 
-from exec_client import ExecClient, user_home_base
+from exec_client import UNPRIVILEGED_UID, ExecClient, user_home_base
 from harness import BINARY
 
 IS_ROOT = os.geteuid() == 0
@@ -452,3 +453,102 @@ def test_kernel_settings_stay_read_only(start):
         t sysrq sh -c 'echo > /proc/sysrq-trigger'
     ''')
     assert_all_held(r, ["kernel/core_pattern", "kernel/modprobe", "kernel/hostname", "sysrq"])
+
+
+# --- the desktop's doors and the limits ---------------------------------------
+
+
+def as_app_user(mode, argv):
+    if mode != "nobody":
+        return argv
+    return ["setpriv", f"--reuid={UNPRIVILEGED_UID}", f"--regid={UNPRIVILEGED_UID}", "--clear-groups", "--", *argv]
+
+
+@pytest.fixture
+def session_bus(mode, tmp_path):
+    """A session bus of the app's user, as a desktop session has one."""
+    base = user_home_base() if mode == "nobody" else tmp_path
+    if mode == "nobody":
+        os.chown(base, UNPRIVILEGED_UID, UNPRIVILEGED_UID)
+    daemon = subprocess.Popen(as_app_user(mode, ["dbus-daemon", "--session", "--nofork", "--print-address",
+                                                 f"--address=unix:path={base}/bus"]),
+                              stdout=subprocess.PIPE, text=True)
+    address = daemon.stdout.readline().strip()
+    yield address
+    daemon.terminate()
+    daemon.wait()
+    if mode == "nobody":
+        shutil.rmtree(base, ignore_errors=True)
+
+
+LIST_NAMES = ("dbus-send --bus={} --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+              "org.freedesktop.DBus.ListNames")
+
+
+def test_the_session_bus_the_display_and_key_links_are_out_of_reach(start, session_bus, mode, screen):
+    def prepare(home):
+        (home / "dotfiles").mkdir()
+        (home / "dotfiles" / "ssh_config").write_text("Host *\n")
+        (home / ".ssh").mkdir(mode=0o700)
+        (home / ".ssh" / "config").symlink_to(home / "dotfiles" / "ssh_config")
+    c = start(env={"DBUS_SESSION_BUS_ADDRESS": session_bus}, prepare=prepare)
+    # The control for the bus: outside, the app's user reaches it.
+    subprocess.run(as_app_user(mode, LIST_NAMES.format(session_bus).split()), check=True, capture_output=True)
+    r = c.run(PROBE + f'''
+        t bus {LIST_NAMES.format(session_bus)}
+        t bus_by_default sh -c 'dbus-send --session --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.ListNames'
+        t systemd_run systemd-run --user --quiet true
+        t display_named sh -c 'test -n "$DISPLAY$WAYLAND_DISPLAY"'
+        t display_socket test -S /tmp/.X11-unix/X{screen.display.lstrip(":")}
+        t ssh_config_target sh -c 'echo "ProxyCommand planted" >> "$HOME/.ssh/config"'
+        t control_dotfiles sh -c 'echo "# mine" >> "$HOME/dotfiles/other"'
+    ''')
+    assert_outcomes(r, failed=["bus", "bus_by_default", "systemd_run", "display_named", "display_socket",
+                               "ssh_config_target"],
+                    succeeded=["control_dotfiles"])
+    assert (c.home / "dotfiles" / "ssh_config").read_text() == "Host *\n"
+
+
+def test_network_and_abstract_display_can_be_taken_away(start, web, screen):
+    settings = lambda home, network: (home / ".config" / "ondrel" / "config.json").write_text(  # noqa: E731
+        json.dumps({"sandboxNetwork": network}))
+
+    def prepare(home):
+        (home / ".config" / "ondrel").mkdir(parents=True)
+        settings(home, False)
+    c = start(prepare=prepare)
+    probe = PROBE + f'''
+        t loopback curl -sf -o /dev/null {web.url("report.js")}
+        t display env DISPLAY={screen.display} xdotool getmouselocation
+    '''
+    assert_all_held(c.run(probe), ["loopback", "display"])
+    # The settings file is read for every command: the same command with the
+    # network back is the control.
+    settings(c.home, True)
+    assert_outcomes(c.run(probe), succeeded=["loopback", "display"])
+
+
+def test_endless_output_is_cut_and_the_app_stays_small(start):
+    c = start()
+
+    def rss_kib():
+        with open(f"/proc/{c.app.pid}/status") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+    before = rss_kib()
+    # Summed up in the page: the 16 MiB of output would not fit in a report.
+    result = c.bridge.run("""
+        const ondrel = window.__ondrel, original = ondrel.__resolve, id = 'endless';
+        return await new Promise((resolve) => {
+          ondrel.__resolve = function (reqId, ok, value) {
+            if (reqId !== id) return original.apply(this, arguments);
+            ondrel.__resolve = original;
+            resolve({ ok: ok, truncated: value.truncated, out: value.stdout.length, err: value.stderr });
+          };
+          window.webkit.messageHandlers.ondrel.postMessage(
+            { __reqId: id, name: 'exec', args: ['~', 'head -c 200M /dev/zero; echo done >&2'] });
+        });
+    """, timeout=120)
+    assert result == {"ok": 1, "truncated": ["stdout"], "out": 16 << 20, "err": "done\n"}
+    grown_mib = (rss_kib() - before) / 1024
+    print(f"[e2e] app RSS grew {grown_mib:.1f} MiB for a 200 MB output")
+    assert grown_mib < 100

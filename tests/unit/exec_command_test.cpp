@@ -82,6 +82,7 @@ class ExecTest : public ::testing::Test {
 
   TempDir dir_;
   std::optional<std::string> savedHome_, savedTmp_;
+  std::vector<std::string> binds_;
 };
 
 TEST(ExecArguments, BadArgumentsAreRefusedAtOnce) {
@@ -241,7 +242,7 @@ TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
 }
 
 TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndLinksRefused) {
-  ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
+  ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
   for (const char* name : {".ssh", ".gnupg"}) {
     struct stat st {};
     ASSERT_EQ(lstat((dir_.path() / name).c_str(), &st), 0) << name;
@@ -254,17 +255,30 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndLinksRefused) {
   fs::create_hard_link(dir_.path() / ".ssh/authorized_keys", dir_.path() / ".ssh/authorized_keys2");
   fs::create_directories(dir_.path() / ".gnupg/private-keys-v1.d");
   writeText(dir_.path() / ".gnupg/private-keys-v1.d/k.key", "secret");
-  EXPECT_EQ(prepareProtectedFolders(home()), std::nullopt);
+  EXPECT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
   fs::create_hard_link(dir_.path() / ".gnupg/private-keys-v1.d/k.key", dir_.path() / "copy.key");
-  auto refusal = prepareProtectedFolders(home());
+  auto refusal = prepareProtectedFolders(home(), binds_);
   ASSERT_TRUE(refusal);
   EXPECT_NE(refusal->find("k.key"), std::string::npos) << *refusal;
   fs::remove(dir_.path() / "copy.key");
 
+  // Links inside: a target outside is protected too, one inside needs
+  // nothing, a link to nothing is refused.
+  writeText(dir_.path() / "dotfiles/ssh_config", "Host *\n");
+  fs::create_symlink(dir_.path() / "dotfiles/ssh_config", dir_.path() / ".ssh/config");
+  fs::create_symlink(dir_.path() / ".ssh/authorized_keys", dir_.path() / ".ssh/keys");
+  binds_.clear();
+  EXPECT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
+  EXPECT_EQ(binds_, std::vector<std::string>{fs::canonical(dir_.path() / "dotfiles/ssh_config").string()});
+  fs::remove(dir_.path() / "dotfiles/ssh_config");
+  refusal = prepareProtectedFolders(home(), binds_);
+  ASSERT_TRUE(refusal);
+  EXPECT_NE(refusal->find("config points to something that does not exist"), std::string::npos) << *refusal;
+
   fs::remove_all(dir_.path() / ".ssh");
   fs::create_directory(dir_.path() / "elsewhere");
   fs::create_directory_symlink(dir_.path() / "elsewhere", dir_.path() / ".ssh");
-  refusal = prepareProtectedFolders(home());
+  refusal = prepareProtectedFolders(home(), binds_);
   ASSERT_TRUE(refusal);
   EXPECT_NE(refusal->find(".ssh is a symbolic link"), std::string::npos) << *refusal;
 }
@@ -336,14 +350,14 @@ TEST_F(ExecTest, SandboxSetupFailuresAreLaunchFailures) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   // bubblewrap exits 1 with its message when it cannot build the sandbox;
   // that must not pass for the command's own exit status.
-  ChildRun broken = runSandboxed({"/no/such/home", "/", std::nullopt, {}}, "echo ran");
+  ChildRun broken = runSandboxed({.home = "/no/such/home", .workDir = "/"}, "echo ran");
   EXPECT_FALSE(broken.launched);
   EXPECT_EQ(broken.out, "");
   EXPECT_NE(broken.error.find("/no/such/home"), std::string::npos) << broken.error;
 
   // A command that looks just like that failure is still a result.
-  ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
-  ChildRun lookalike = runSandboxed({home(), home(), std::nullopt, {}}, "echo 'bwrap: no' >&2; exit 1");
+  ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
+  ChildRun lookalike = runSandboxed({.home = home(), .workDir = home()}, "echo 'bwrap: no' >&2; exit 1");
   EXPECT_TRUE(lookalike.launched) << lookalike.error;
   EXPECT_EQ(lookalike.exitStatus, 1);
   EXPECT_EQ(lookalike.err, "bwrap: no\n");
