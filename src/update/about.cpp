@@ -30,5 +30,6 @@ std::string ondrelAboutText(const std::string& version, const std::string& build
 }
 
 void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
-  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, ondrelUpdatesAreSigned()));
+  updateHost().showAbout(
+      ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, ondrelUpdatesAreSigned()));
 }

@@ -178,11 +178,6 @@ bool verifyLegacy(int fd, size_t size, const Signature& sig, const PublicKey& ke
 
 }  // namespace
 
-std::string ondrelMinisignKeyId(const std::string& keyLine) {
-  auto key = parseKey(keyLine);
-  return key ? printedId(key->id) : std::string();
-}
-
 MinisignVerdict ondrelVerifyMinisign(const std::string& filePath, const std::string& signatureText,
                                      const std::string& keyLine) {
   MinisignVerdict verdict;

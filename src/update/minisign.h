@@ -17,7 +17,3 @@ struct MinisignVerdict {
 // the whole .minisig file.
 MinisignVerdict ondrelVerifyMinisign(const std::string& filePath, const std::string& signatureText,
                                      const std::string& keyLine);
-
-// The key id of a public key line as minisign prints it, or "" when the
-// line is no minisign public key.
-std::string ondrelMinisignKeyId(const std::string& keyLine);
