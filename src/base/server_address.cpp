@@ -95,8 +95,12 @@ std::string ondrelServerHostOf(const Json& value) {
 bool ondrelIsAllowedServerURL(const std::string& url) {
   std::string host = ondrelServerHostOf(url);
   if (host.empty()) return false;
+  if (host == "localhost" || host == "127.0.0.1" || host == "::1") return true;
+  // Plain http is for development servers on this machine only: anywhere
+  // else, whoever sits on the network between would get the bridge.
+  if (ondrelSchemeOf(url) != "https") return false;
   const std::string domain = lower(ondrel::build::kServiceDomain);
-  if (host == "localhost" || host == "127.0.0.1" || host == "::1" || host == domain) return true;
+  if (host == domain) return true;
   const std::string suffix = "." + domain;
   return host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0;
 }

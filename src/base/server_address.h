@@ -15,7 +15,7 @@ std::optional<std::string> ondrelExpandServerInput(const Json& value);
 // nullopt when it is no acceptable http/https address.
 std::optional<std::string> ondrelNormalizeServer(const Json& value);
 
-// The service domain, a host under it, or the local machine.
+// The service domain or a host under it over https, or the local machine.
 bool ondrelIsAllowedServerURL(const std::string& url);
 
 // The lower-cased host, or "" when there is none.

@@ -25,6 +25,9 @@ ReadOnlyPlan readOnlyPlan(const std::string& home, const std::string& configHome
   if (configHome != config) desktopConfig.push_back(configHome);
   for (const auto& base : desktopConfig)
     for (const char* name : {"autostart", "systemd/user", "environment.d"}) plan.folders.push_back(joinPath(base, name));
+  // Which program opens a link: the app hands foreign links to it.
+  plan.folders.push_back(joinPath(home, ".local/share/applications"));
+  for (const auto& base : desktopConfig) plan.ifPresent.push_back(joinPath(base, "mimeapps.list"));
   for (const char* name : kStartupFiles) plan.ifPresent.push_back(joinPath(home, name));
   plan.ifPresent.push_back(joinPath(configHome, "fish"));
   if (appDir) plan.ifPresent.push_back(*appDir);
