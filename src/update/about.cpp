@@ -2,6 +2,7 @@
 
 #include "base/server_address.h"
 #include "base/settings.h"
+#include "build_config.h"
 #include "update/manifest.h"
 #include "update/update_host.h"
 #include "update/version.h"
@@ -11,6 +12,7 @@ namespace {
 constexpr const char* kTagline = "Your AI workspace, at home on your desktop.";
 
 std::string updateSource() {
+  if (ondrel::build::kPackaged) return "the system's package manager";
   if (!ondrelUpdatesEnabled()) return "disabled";
   auto url = ondrelUpdateManifestURL();
   if (!url || url->empty()) return "disabled";
