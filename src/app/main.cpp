@@ -15,6 +15,7 @@
 #include "base/main_thread.h"
 #include "base/server_address.h"
 #include "bridge/bridge.h"
+#include "bridge/bridge_gate.h"
 #include "bridge/exec_command.h"
 #include "bridge/mcp_actions.h"
 #include "bridge/web_view_delegate_gtk.h"
@@ -65,12 +66,14 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  createMainWindow();
+  // Like the window, these live until exit.
+  auto* gate = new BridgeGate(ondrelOriginOf(*server));
+  createMainWindow(*gate);
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
-  auto* bridge = new Bridge(*host);  // lives until exit, like the window
+  auto* bridge = new Bridge(*host, gate->origin());
   registerExecAction(*bridge);
   registerMcpActions(*bridge);
-  connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, ondrelRawHostOf(*server));
+  connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, *gate, ondrelRawHostOf(*server));
   showMainWindow(*server);
 
   if (ondrel::build::kPackaged) {

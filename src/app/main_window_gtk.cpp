@@ -32,14 +32,20 @@ std::vector<std::function<void()>>& quitHooks() {
 
 bool gFullscreen = false;
 
-WebKitUserContentManager* createContentManager() {
+void addDocumentStartScript(WebKitUserContentManager* content, const std::string& source,
+                            WebKitUserContentInjectedFrames frames) {
+  WebKitUserScript* script = webkit_user_script_new(source.c_str(), frames, WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START,
+                                                    nullptr, nullptr);
+  webkit_user_content_manager_add_script(content, script);
+  webkit_user_script_unref(script);
+}
+
+WebKitUserContentManager* createContentManager(const BridgeGate& gate) {
   WebKitUserContentManager* content = webkit_user_content_manager_new();
-  char script[96];
-  std::snprintf(script, sizeof script, "window.__ondrelHost = { platform: 'linux', topInset: %.0f };", kTopInset);
-  WebKitUserScript* host = webkit_user_script_new(script, WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
-                                                  WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
-  webkit_user_content_manager_add_script(content, host);
-  webkit_user_script_unref(host);
+  char host[96];
+  std::snprintf(host, sizeof host, "window.__ondrelHost = { platform: 'linux', topInset: %.0f };", kTopInset);
+  addDocumentStartScript(content, gate.topFrameScript(host), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME);
+  addDocumentStartScript(content, gate.otherFrameScript(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES);
   return content;
 }
 
@@ -101,7 +107,7 @@ void reloadWebView() {
   if (gWebView) webkit_web_view_reload(gWebView->view());
 }
 
-void createMainWindow() {
+void createMainWindow(const BridgeGate& gate) {
   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gMainWindow = window;
   gtk_window_set_title(GTK_WINDOW(window), "Ondrel");
@@ -129,7 +135,7 @@ void createMainWindow() {
   GtkWidget* overlay = gtk_overlay_new();
   GtkWidget* stack = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
 
-  WebKitUserContentManager* content = createContentManager();
+  WebKitUserContentManager* content = createContentManager(gate);
   gWebView = new DraggableWebView(content);
   g_object_unref(content);
   gtk_box_pack_start(GTK_BOX(stack), gWebView->widget(), TRUE, TRUE, 0);

@@ -3,9 +3,12 @@
 #include <functional>
 #include <string>
 
+#include "bridge/bridge_gate.h"
+
 // Builds the main window (web view, hidden log panel, drawn buttons, hidden
-// menu bar) without showing it; sets gMainWindow and gWebView.
-void createMainWindow();
+// menu bar) without showing it; sets gMainWindow and gWebView. The gate's
+// scripts decide which documents may reach the bridge.
+void createMainWindow(const BridgeGate& gate);
 
 // Loads the address in the main web view and brings the window up.
 void showMainWindow(const std::string& serverUrl);

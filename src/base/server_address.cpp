@@ -95,8 +95,29 @@ std::string ondrelServerHostOf(const Json& value) {
 bool ondrelIsAllowedServerURL(const std::string& url) {
   std::string host = ondrelServerHostOf(url);
   if (host.empty()) return false;
+  if (host == "localhost" || host == "127.0.0.1" || host == "::1") return true;
+  // Plain http is for development servers on this machine only: anywhere
+  // else, whoever sits on the network between would get the bridge.
+  if (ondrelSchemeOf(url) != "https") return false;
   const std::string domain = lower(ondrel::build::kServiceDomain);
-  if (host == "localhost" || host == "127.0.0.1" || host == "::1" || host == domain) return true;
+  if (host == domain) return true;
   const std::string suffix = "." + domain;
   return host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+std::string ondrelOriginOf(const std::string& url) {
+  gchar* scheme = nullptr;
+  gchar* host = nullptr;
+  gint port = -1;
+  if (!g_uri_split(url.c_str(), G_URI_FLAGS_NON_DNS, &scheme, nullptr, &host, &port, nullptr, nullptr, nullptr,
+                   nullptr)) {
+    return {};
+  }
+  const std::string s = lower(scheme ? scheme : ""), h = lower(host ? host : "");
+  g_free(scheme);
+  g_free(host);
+  if ((s != "http" && s != "https") || h.empty()) return {};
+  std::string origin = s + "://" + (h.find(':') != std::string::npos ? "[" + h + "]" : h);
+  if (port >= 0 && port != (s == "https" ? 443 : 80)) origin += ":" + std::to_string(port);
+  return origin;
 }

@@ -15,7 +15,7 @@ std::optional<std::string> ondrelExpandServerInput(const Json& value);
 // nullopt when it is no acceptable http/https address.
 std::optional<std::string> ondrelNormalizeServer(const Json& value);
 
-// The service domain, a host under it, or the local machine.
+// The service domain or a host under it over https, or the local machine.
 bool ondrelIsAllowedServerURL(const std::string& url);
 
 // The lower-cased host, or "" when there is none.
@@ -26,3 +26,8 @@ std::string ondrelRawHostOf(const std::string& url);
 
 // Lower-cased scheme, or "" when the text does not parse as a URL.
 std::string ondrelSchemeOf(const std::string& url);
+
+// The web origin of an http(s) URL as a page reads it in location.origin:
+// "scheme://host[:port]", lower-cased, the scheme's default port left out.
+// "" for anything else.
+std::string ondrelOriginOf(const std::string& url);

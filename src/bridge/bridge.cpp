@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "base/log.h"
+#include "bridge/bridge_gate.h"
 #include "bridge/value_text.h"
 
 std::map<std::string, std::function<void(const Json& answer)>> gPending;
@@ -27,13 +28,19 @@ std::string quotedForJs(const std::string& text) {
   return out;
 }
 
+constexpr std::string_view kReplyTail = ") : console.error('__resolve missing') ";
+
+std::string replyHead(const std::string& reqIdText, bool ok) {
+  return "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('" + quotedForJs(reqIdText) +
+         "', " + (ok ? "1" : "0") + ", ";
+}
+
 }  // namespace
 
 std::string bridgeIdText(const Json& reqId) { return valueText(reqId); }
 
 std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson) {
-  return "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('" + quotedForJs(reqIdText) +
-         "', " + (ok ? "1" : "0") + ", " + valueJson + ") : console.error('__resolve missing') ";
+  return replyHead(reqIdText, ok) + valueJson + std::string(kReplyTail);
 }
 
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson) {
@@ -42,7 +49,8 @@ std::string bridgeInvokeExpression(const std::string& callId, const std::string&
          "', ok: false, error: 'bridge-not-ready' })";
 }
 
-Bridge::Bridge(BridgeHost& host, AgentSounds::Player soundPlayer) : host_(host), sounds_(std::move(soundPlayer)) {
+Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer)
+    : host_(host), guard_(originGuardExpression(pageOrigin)), sounds_(std::move(soundPlayer)) {
   addBuiltInActions();
 }
 
@@ -85,21 +93,24 @@ void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
   } catch (const Json::exception&) {
     json = "null";
   }
-  host_.evaluateScript(bridgeReplyExpression(bridgeIdText(reqId), ok, json));
+  replyToJSWithJsonText(reqId, ok, json.size(), [&json](std::string& script) { script += json; });
 }
 
 void Bridge::replyToJSWithJsonText(const Json& reqId, bool ok, size_t sizeHint,
                                    const std::function<void(std::string&)>& appendJson) {
-  const std::string head = bridgeReplyExpression(bridgeIdText(reqId), ok, "");
-  // head ends with ", ) : console.error(...) "; split it around the value.
-  const std::string tail = ") : console.error('__resolve missing') ";
+  const std::string head = replyHead(bridgeIdText(reqId), ok);
   std::string script;
-  script.reserve(head.size() + sizeHint + 2);
-  script.append(head, 0, head.size() - tail.size());
+  script.reserve(guard_.size() + head.size() + sizeHint + kReplyTail.size() + 2);
+  script += guard_;
+  script += '(';
+  script += head;
   appendJson(script);
-  script += tail;
+  script += kReplyTail;
+  script += ')';
   host_.evaluateScript(script);
 }
+
+void Bridge::evaluateGuarded(const std::string& expression) { host_.evaluateScript(guard_ + "(" + expression + ")"); }
 
 void Bridge::invokeHandler(const std::string& handler, const Json& args, const std::string& desc) {
   static long seq = 0;
@@ -118,7 +129,7 @@ void Bridge::invokeHandler(const std::string& handler, const Json& args, const s
       logLine("[Native->JS] " + handler + " ✗ " + valueText(answer.contains("error") ? answer["error"] : Json()));
     }
   };
-  host_.evaluateScript(script);
+  evaluateGuarded(script);
 }
 
 void Bridge::handleNativeAction(const Json& reqId, const Json& name, const Json& args) {

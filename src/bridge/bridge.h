@@ -38,7 +38,9 @@ class Bridge {
   // reqId is the page's id, echoed unchanged; args is always an array.
   using NativeAction = std::function<void(const Json& reqId, const Json& args)>;
 
-  explicit Bridge(BridgeHost& host, AgentSounds::Player soundPlayer = systemSoundPlayer());
+  // pageOrigin: the instance's origin; what the bridge evaluates in the page
+  // does nothing once the top document is on any other.
+  Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer = systemSoundPlayer());
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
 
@@ -73,7 +75,10 @@ class Bridge {
  private:
   void addBuiltInActions();
 
+  void evaluateGuarded(const std::string& expression);
+
   BridgeHost& host_;
+  const std::string guard_;
   AgentSounds sounds_;
   std::map<std::string, NativeAction> actions_;
 };

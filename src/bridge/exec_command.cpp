@@ -10,9 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <thread>
@@ -20,6 +22,8 @@
 
 #include "base/main_thread.h"
 #include "base/paths.h"
+#include "base/settings.h"
+#include "update/bundle_search.h"
 
 namespace {
 
@@ -64,6 +68,7 @@ std::optional<std::string> userHome(const std::string& name) {
 struct LinkCensus {
   std::map<std::pair<dev_t, ino_t>, nlink_t> seen;
   std::map<std::pair<dev_t, ino_t>, std::pair<nlink_t, std::string>> linked;  // nlink > 1
+  std::vector<std::string> symlinks;
   size_t entries = 0;
 };
 
@@ -99,6 +104,10 @@ bool takeCensus(int dirFd, const std::string& path, int depth, LinkCensus& censu
       }
       continue;
     }
+    if (S_ISLNK(st.st_mode)) {
+      census.symlinks.push_back(child);
+      continue;
+    }
     if (st.st_nlink <= 1) continue;
     auto key = std::make_pair(st.st_dev, st.st_ino);
     ++census.seen[key];
@@ -114,7 +123,7 @@ std::optional<std::string> prepareFolder(const std::string& folder) {
     if (errno != ENOENT) return errnoText(folder, errno);
     // Created here so that it exists to be mounted read-only; otherwise the
     // command could create it and put keys or configuration in it.
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return errnoText("cannot create " + folder, errno);
+    if (g_mkdir_with_parents(folder.c_str(), 0700) != 0) return errnoText("cannot create " + folder, errno);
     if (lstat(folder.c_str(), &st) != 0) return errnoText(folder, errno);
   }
   if (S_ISLNK(st.st_mode))
@@ -137,10 +146,13 @@ void appendAvailable(int fd, std::string& to) {
 }
 
 // Reads both pipes until both are at end of file. A writer that fills one
-// pipe while we would be blocked on the other can never stall.
-void drainBoth(int outFd, int errFd, std::string& out, std::string& err) {
+// pipe while we would be blocked on the other can never stall. Past the
+// limit a stream is still read, so that its writer is never blocked, but
+// what it says is dropped: a command such as `yes` must not grow the app.
+void drainBoth(int outFd, int errFd, ChildRun& run) {
   pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-  std::string* sinks[2] = {&out, &err};
+  std::string* sinks[2] = {&run.out, &run.err};
+  bool* cut[2] = {&run.outCut, &run.errCut};
   char buffer[65536];
   int open = 2;
   while (open > 0) {
@@ -152,12 +164,28 @@ void drainBoth(int outFd, int errFd, std::string& out, std::string& err) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
       if (n > 0) {
-        sinks[i]->append(buffer, static_cast<size_t>(n));
+        const size_t room = kExecOutputLimit - std::min(sinks[i]->size(), kExecOutputLimit);
+        sinks[i]->append(buffer, std::min(static_cast<size_t>(n), room));
+        if (static_cast<size_t>(n) > room) *cut[i] = true;
       } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
         fds[i].fd = -1;  // poll skips negative descriptors
         --open;
       }
     }
+  }
+}
+
+// A cut can fall inside a character; what came before it is still text.
+void dropPartialCharacter(std::string& text) {
+  size_t start = text.size();
+  for (size_t back = 0; back < 4 && start > 0; ++back) {
+    auto c = static_cast<unsigned char>(text[start - 1]);
+    if ((c & 0xC0) != 0x80) {
+      size_t need = c < 0x80 ? 1 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : 2;
+      if (text.size() - (start - 1) < need) text.resize(start - 1);
+      return;
+    }
+    --start;
   }
 }
 
@@ -235,6 +263,8 @@ ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string
   posix_spawnattr_t attr;
   posix_spawn_file_actions_init(&actions);
   posix_spawnattr_init(&attr);
+  // A command that reads its input gets end of file, never the app's.
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
   if (statusFd >= 0) posix_spawn_file_actions_adddup2(&actions, statusFd, 3);
@@ -258,7 +288,9 @@ ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string
     run.error = launchError(argv[0], cwd, err);
     return run;
   }
-  drainBoth(outRead.get(), errRead.get(), run.out, run.err);
+  drainBoth(outRead.get(), errRead.get(), run);
+  if (run.outCut) dropPartialCharacter(run.out);
+  if (run.errCut) dropPartialCharacter(run.err);
   bool childSignaled = false;
   run.exitStatus = waitForExit(pid, &childSignaled);
   *signaled = childSignaled;
@@ -267,6 +299,18 @@ ChildRun spawnAndCollect(const std::vector<std::string>& argv, const std::string
 }
 
 }  // namespace
+
+std::string runtimeDir() {
+  if (const char* dir = std::getenv("XDG_RUNTIME_DIR"); dir && dir[0] == '/') return dir;
+  std::string fallback = "/run/user/" + std::to_string(getuid());
+  return access(fallback.c_str(), F_OK) == 0 ? fallback : std::string();
+}
+
+bool networkAllowed(const std::optional<Json>& config) {
+  if (!config) return true;
+  auto it = config->find("sandboxNetwork");
+  return it == config->end() || !it->is_boolean() || it->get<bool>();
+}
 
 std::string expandTilde(const std::string& path, const std::string& home) {
   if (path.empty() || path[0] != '~') return path;
@@ -284,7 +328,7 @@ std::string resolveWorkDir(const std::string& dir, const std::string& home) {
   return realPath(expanded).value_or(expanded);
 }
 
-std::optional<std::string> prepareProtectedFolders(const std::string& home) {
+std::optional<std::string> prepareProtectedFolders(const std::string& home, std::vector<std::string>& binds) {
   const auto folders = protectedFolders(home);
   for (const auto& folder : folders)
     if (auto refusal = prepareFolder(folder)) return refusal;
@@ -301,7 +345,45 @@ std::optional<std::string> prepareProtectedFolders(const std::string& home) {
       return "exec refused: " + info.second +
              " has a hard link outside the protected folders, through which a command could change it";
   }
+  // A dotfile manager's ~/.ssh/config -> ~/dotfiles/ssh/config: the link
+  // cannot change, but its target would be writable.
+  for (const auto& link : census.symlinks) {
+    auto target = realPath(link);
+    if (!target)
+      return "exec refused: " + link + " points to something that does not exist, which a command could create";
+    bool inside = std::any_of(folders.begin(), folders.end(),
+                              [&](const std::string& folder) { return isSameOrInside(*target, folder); });
+    if (!inside && std::find(binds.begin(), binds.end(), *target) == binds.end()) binds.push_back(*target);
+  }
   return std::nullopt;
+}
+
+std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::vector<std::string>& binds) {
+  for (const auto& folder : plan.folders) {
+    if (auto refusal = prepareFolder(folder)) return refusal;
+    binds.push_back(realPath(folder).value_or(folder));
+  }
+  for (const auto& path : plan.ifPresent) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) continue;  // nothing there to protect
+    if (S_ISLNK(st.st_mode))
+      return "exec refused: " + path +
+             " is a symbolic link, which a command could replace; make it a real file or folder to run commands";
+    if (!S_ISDIR(st.st_mode) && st.st_nlink > 1)
+      return "exec refused: " + path + " has a hard link elsewhere, through which a command could change it";
+    binds.push_back(realPath(path).value_or(path));
+  }
+  return std::nullopt;
+}
+
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home, const std::optional<Json>& config) {
+  std::string configHome = joinPath(home, ".config");
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/') configHome = realPath(xdg).value_or(xdg);
+  std::error_code ignored;
+  auto appDir = ondrelBundleOfExecutable(std::filesystem::read_symlink("/proc/self/exe", ignored).string());
+  std::vector<std::string> userPaths;
+  for (const auto& entry : userReadOnlyEntries(config)) userPaths.push_back(expandTilde(entry, home));
+  return readOnlyPlan(home, configHome, appDir, userPaths);
 }
 
 bool isValidUtf8(std::string_view bytes) {
@@ -341,11 +423,17 @@ bool isValidUtf8(std::string_view bytes) {
   return true;
 }
 
-Json execResultValue(const ChildRun& run) {
+Json execResultValue(ChildRun&& run) {
   Json value = Json::object();
   value["exit"] = run.exitStatus;
-  value["stdout"] = isValidUtf8(run.out) ? run.out : std::string();
-  value["stderr"] = isValidUtf8(run.err) ? run.err : std::string();
+  value["stdout"] = isValidUtf8(run.out) ? std::move(run.out) : std::string();
+  value["stderr"] = isValidUtf8(run.err) ? std::move(run.err) : std::string();
+  if (run.outCut || run.errCut) {
+    Json cut = Json::array();
+    if (run.outCut) cut.push_back("stdout");
+    if (run.errCut) cut.push_back("stderr");
+    value["truncated"] = std::move(cut);
+  }
   return value;
 }
 
@@ -397,16 +485,21 @@ void execCommand(const Json& args, ExecReply reply) {
   std::string command = args[1].get<std::string>();
 
   auto shared = std::make_shared<ExecReply>(std::move(reply));
-  auto work = [paths = std::move(paths), command = std::move(command), shared]() {
+  auto work = [paths = std::move(paths), command = std::move(command), shared]() mutable {
     bool ok = false;
     Json value;
     try {
-      if (auto refusal = prepareProtectedFolders(paths.home)) {
+      const auto config = ondrelReadConfig();
+      auto refusal = prepareProtectedFolders(paths.home, paths.readOnly);
+      if (!refusal) refusal = prepareReadOnlyPaths(currentReadOnlyPlan(paths.home, config), paths.readOnly);
+      paths.doors = findDesktopDoors(runtimeDir(), std::getenv("DBUS_SESSION_BUS_ADDRESS") ?: "");
+      paths.network = networkAllowed(config);
+      if (refusal) {
         value = *refusal;
       } else {
         ChildRun run = runSandboxed(paths, command);
         ok = run.launched;
-        value = ok ? execResultValue(run) : Json(run.error);
+        value = ok ? execResultValue(std::move(run)) : Json(run.error);
       }
     } catch (const std::exception& e) {
       ok = false;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/json.h"
+#include "bridge/protected_paths.h"
 #include "bridge/sandbox_args.h"
 
 // The "exec" native action: one shell command in a working directory, run
@@ -19,7 +20,12 @@ struct ChildRun {
   int exitStatus = 0;  // the exit code, or the signal number
   std::string out;
   std::string err;
+  bool outCut = false;  // more was written than kExecOutputLimit
+  bool errCut = false;
 };
+
+// What each output stream of a command keeps; the rest is read and dropped.
+inline constexpr size_t kExecOutputLimit = size_t(16) << 20;
 
 // Answer to the page; always called on the main thread, exactly once.
 using ExecReply = std::function<void(bool ok, const Json& value)>;
@@ -37,18 +43,37 @@ std::string resolveWorkDir(const std::string& dir, const std::string& home);
 // Makes sure the protected folders of home can be mounted read-only: a
 // missing one is created with mode 0700; a symbolic link, or a file in them
 // that has a hard link elsewhere, is refused, since writes through either
-// would bypass the read-only mount. Returns the reason for a refusal.
-std::optional<std::string> prepareProtectedFolders(const std::string& home);
+// would bypass the read-only mount. The targets outside of links inside
+// them are added to binds; a link to nothing is refused. Returns the reason
+// for a refusal.
+std::optional<std::string> prepareProtectedFolders(const std::string& home, std::vector<std::string>& binds);
+
+// Makes the plan's missing folders (0700) and lists every path of the plan
+// to bind read-only into binds. A symbolic link, which a command could
+// replace, or a file with a second name elsewhere is refused: the reason
+// comes back.
+std::optional<std::string> prepareReadOnlyPaths(const ReadOnlyPlan& plan, std::vector<std::string>& binds);
+
+// The plan for this user and this run of the app: its AppDir, the
+// environment's configuration folder and the settings' own entries.
+ReadOnlyPlan currentReadOnlyPlan(const std::string& home, const std::optional<Json>& config);
+
+// $XDG_RUNTIME_DIR, or /run/user/<uid> when that exists; "" otherwise.
+std::string runtimeDir();
+
+// "sandboxNetwork": only an explicit false takes the network away.
+bool networkAllowed(const std::optional<Json>& config);
 
 // Strict UTF-8 (no overlong forms, surrogates or values past U+10FFFF);
 // NUL bytes are valid characters.
 bool isValidUtf8(std::string_view bytes);
 
-// {"exit", "stdout", "stderr"}; output that is not UTF-8 becomes "".
-Json execResultValue(const ChildRun& run);
+// {"exit", "stdout", "stderr"}; output that is not UTF-8 becomes "". A
+// stream that was cut is named in "truncated" (["stdout"], say).
+Json execResultValue(ChildRun&& run);
 
-// Starts argv (program first, absolute path) in cwd with standard input
-// inherited, no descriptor beyond 0-2, and both outputs piped and read to
+// Starts argv (program first, absolute path) in cwd with /dev/null as
+// standard input, no descriptor beyond 0-2, and both outputs piped and read to
 // their end together; then reaps the child. Blocks the calling thread.
 ChildRun runChild(const std::vector<std::string>& argv, const std::string& cwd);
 

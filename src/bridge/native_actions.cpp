@@ -41,27 +41,33 @@ std::string fileError(const char* what, const std::string& path, int error) {
 }
 
 // Reads a whole file in one buffer sized up front. (Not mapped: a file
-// truncated by another process while mapped would kill the app.)
+// truncated by another process while mapped would kill the app.) Regular
+// files only: a device such as /dev/zero never ends, and opening a FIFO
+// would wait for a writer; O_NONBLOCK keeps even that open from waiting.
 std::optional<std::string> readFileLimited(const std::string& path, size_t limit, bool& tooLarge, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
     error = fileError("Failed to open file", path, errno);
     return std::nullopt;
   }
   struct stat st {};
-  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
-    error = fileError("Failed to read from file", path, S_ISDIR(st.st_mode) ? EISDIR : errno);
+  const bool statted = fstat(fd, &st) == 0;
+  if (!statted || !S_ISREG(st.st_mode)) {
+    if (!statted || S_ISDIR(st.st_mode))
+      error = fileError("Failed to read from file", path, statted ? EISDIR : errno);
+    else
+      error = "The file “" + path + "” couldn’t be read because it is not a regular file.";
     ::close(fd);
     return std::nullopt;
   }
-  if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit) {
+  if (static_cast<uint64_t>(st.st_size) > limit) {
     tooLarge = true;
     ::close(fd);
     return std::nullopt;
   }
   std::string data;
-  // Pipes and devices report no size: grow as they deliver.
-  size_t capacity = S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 65536;
+  // Files of /proc and /sys report no size: grow as they deliver.
+  size_t capacity = st.st_size > 0 ? static_cast<size_t>(st.st_size) + 1 : 65536;
   data.resize(capacity);
   size_t used = 0;
   for (;;) {

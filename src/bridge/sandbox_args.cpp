@@ -32,6 +32,10 @@ std::vector<std::string> buildSandboxArgs(const SandboxPaths& paths, const std::
   if (paths.tmpDir && tmpDirIsUsable(*paths.tmpDir, paths.home)) add({"--bind", *paths.tmpDir, *paths.tmpDir});
   add({"--bind", paths.workDir, paths.workDir});
   for (const auto& folder : protectedFolders(paths.home)) add({"--ro-bind", folder, folder});
+  for (const auto& path : paths.readOnly) add({"--ro-bind", path, path});
+  for (const auto& socket : paths.doors.sockets) add({"--ro-bind", "/dev/null", socket});
+  for (const auto& folder : paths.doors.folders) add({"--tmpfs", folder, "--remount-ro", folder});
+  for (const char* variable : kDesktopVariables) add({"--unsetenv", variable});
   // bubblewrap means to cover /proc/sys but skips it when the folder itself
   // is not writable, which it never is; yet a command run by root could then
   // write kernel settings such as core_pattern and run anything outside.
@@ -42,6 +46,8 @@ std::vector<std::string> buildSandboxArgs(const SandboxPaths& paths, const std::
   // /proc/<pid>/root. No PID namespace, so a background process that keeps
   // standard output open outlives the shell, as callers expect.
   add({"--unshare-user", "--disable-userns", "--cap-drop", "ALL", "--new-session", "--die-with-parent"});
+  // Also the only way to close abstract sockets, such as X11's.
+  if (!paths.network) add({"--unshare-net"});
   if (statusFd >= 0) add({"--json-status-fd", std::to_string(statusFd)});
   add({"--chdir", paths.workDir, "--", kSandboxShell, "-lc", command});
   return args;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "bridge/desktop_doors.h"
+
 // The confinement for "exec": bubblewrap with the whole file system read-only
 // and only the writable places bound back. Everything here is pure so the
 // argument list can be checked without running anything.
@@ -20,6 +22,9 @@ struct SandboxPaths {
   std::string home;
   std::string workDir;
   std::optional<std::string> tmpDir;  // the resolved TMPDIR, if any
+  std::vector<std::string> readOnly;  // more places bound read-only, after the key folders
+  DesktopDoors doors;                 // covered, whatever is writable around them
+  bool network = true;                // false: a network namespace of its own, loopback only
 };
 
 // "parent/name" without doubling the slash when parent is "/".
@@ -28,7 +33,7 @@ std::string joinPath(const std::string& parent, const std::string& name);
 // True when path is folder itself or lies below it (by whole components).
 bool isSameOrInside(const std::string& path, const std::string& folder);
 
-// The folders of home that stay read-only whatever else is writable.
+// The key folders of home, which stay read-only whatever else is writable.
 std::vector<std::string> protectedFolders(const std::string& home);
 
 // A TMPDIR of "/" would make everything writable, and one inside a

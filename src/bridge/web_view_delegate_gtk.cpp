@@ -10,6 +10,7 @@ namespace {
 
 struct Delegate {
   Bridge& bridge;
+  const BridgeGate& gate;
   GtkWindow* window;
   std::string referenceHost;
   bool loadFailed = false;
@@ -24,7 +25,8 @@ Json jsonFromJsValue(JSCValue* value) {
 }
 
 void onScriptMessage(WebKitUserContentManager*, WebKitJavascriptResult* result, Delegate* d) {
-  d->bridge.didReceiveScriptMessage(jsonFromJsValue(webkit_javascript_result_get_js_value(result)));
+  if (auto body = d->gate.admit(jsonFromJsValue(webkit_javascript_result_get_js_value(result))))
+    d->bridge.didReceiveScriptMessage(*body);
 }
 
 void onLoadChanged(WebKitWebView*, WebKitLoadEvent event, Delegate* d) {
@@ -164,8 +166,9 @@ gboolean onRunFileChooser(WebKitWebView*, WebKitFileChooserRequest* request, Del
 
 }  // namespace
 
-void connectWebViewDelegate(WebKitWebView* view, GtkWindow* window, Bridge& bridge, const std::string& referenceHost) {
-  auto* d = new Delegate{bridge, window, referenceHost};  // lives as long as the view
+void connectWebViewDelegate(WebKitWebView* view, GtkWindow* window, Bridge& bridge, const BridgeGate& gate,
+                            const std::string& referenceHost) {
+  auto* d = new Delegate{bridge, gate, window, referenceHost};  // lives as long as the view
   WebKitUserContentManager* content = webkit_web_view_get_user_content_manager(view);
   g_signal_connect(content, "script-message-received::ondrel", G_CALLBACK(onScriptMessage), d);
   webkit_user_content_manager_register_script_message_handler(content, "ondrel");

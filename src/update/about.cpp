@@ -5,6 +5,7 @@
 #include "build_config.h"
 #include "update/manifest.h"
 #include "update/update_host.h"
+#include "update/update_signature.h"
 #include "update/version.h"
 
 namespace {
@@ -22,13 +23,16 @@ std::string updateSource() {
 }  // namespace
 
 std::string ondrelAboutText(const std::string& version, const std::string& build,
-                            const std::optional<std::string>& serverUrl) {
+                            const std::optional<std::string>& serverUrl, bool updatesSigned) {
   std::string host = serverUrl ? ondrelServerHostOf(*serverUrl) : std::string();
   if (host.empty()) host = "—";
   return std::string(kTagline) + "\n\n" + "Version " + ondrelVersionOrDefault(version) + " (build " + build +
-         ")\nInstance Server: " + host + "\nUpdate Source: " + updateSource();
+         ")\nInstance Server: " + host + "\nUpdate Source: " + updateSource() +
+         (updatesSigned ? "" : "\nUpdates are not signature-checked.");
 }
 
 void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
-  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl));
+  // A packaged copy installs no archives of its own: nothing to check.
+  bool checked = ondrel::build::kPackaged || ondrelUpdatesAreSigned();
+  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, checked));
 }

@@ -32,7 +32,7 @@ void relayProgress(const std::shared_ptr<ProgressRelay>& relay, double value) {
   });
 }
 
-void downloadFinished(const std::string& dest, const std::optional<std::string>& error) {
+void downloadFinished(const std::string& dest, const ArchiveTrust& trust, const std::optional<std::string>& error) {
   UpdateHost& host = updateHost();
   if (error) {
     std::string reason = error->empty() ? std::string("unknown error") : *error;
@@ -46,7 +46,7 @@ void downloadFinished(const std::string& dest, const std::optional<std::string>&
   long long size = stat(dest.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : 0;
   logLine("[Update] downloaded " + dest + " (" + std::to_string(size) + " bytes)");
   std::string executable = host.runningExecutable();
-  std::thread([dest, executable] { ondrelInstallUpdate(dest, executable); }).detach();
+  std::thread([dest, executable, trust] { ondrelInstallUpdate(dest, executable, trust); }).detach();
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ void ondrelBeginUpdate(const std::string& version, const std::string& zipUrl) {
   auto relay = std::make_shared<ProgressRelay>();
   OndrelDownloader::startWithURL(
       zipUrl, dest, [relay](double fraction) { relayProgress(relay, fraction); },
-      [dest](const std::optional<std::string>& error) {
-        runOnMain([dest, error] { downloadFinished(dest, error); });
+      [dest, trust = ondrelArchiveTrust(version, zipUrl)](const std::optional<std::string>& error) {
+        runOnMain([dest, trust, error] { downloadFinished(dest, trust, error); });
       });
 }

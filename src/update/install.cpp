@@ -1,5 +1,8 @@
 #include "update/install.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <filesystem>
 #include <optional>
 
@@ -29,7 +32,8 @@ std::string ondrelNoBundleText(int unpackStatus) {
          "). Your current version is unchanged. See the log panel (View → Show Log) for details.";
 }
 
-InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable) {
+InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
+                                 const ArchiveTrust& trust) {
   InstallPlan plan;
   const std::string updates = ondrelUpdatesDir();
   makeDirectories(updates);
@@ -41,6 +45,15 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
   if (!isZip) {
     plan.failure = ondrelNotAZipText(head.length);
     return plan;
+  }
+  if (!trust.publicKey.empty()) {
+    std::string reason = ondrelCheckArchiveSignature(archivePath, trust);
+    if (!reason.empty()) {
+      // Nothing of an archive that failed its check stays to be opened later.
+      std::remove(archivePath.c_str());
+      plan.failure = ondrelUnverifiedText(reason);
+      return plan;
+    }
   }
 
   const std::string stage = ondrelStageDir();
@@ -65,12 +78,13 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
   }
   plan.runningBundle = *running;
   plan.scriptPath = ondrelSwapScriptPath();
-  writeFileAtomically(plan.scriptPath, ondrelSwapScriptText(*running, *bundle, ondrelInstallLogPath()));
+  writeFileAtomically(plan.scriptPath, ondrelSwapScriptText(*running, *bundle, ondrelInstallLogPath(), getpid()));
   return plan;
 }
 
-void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable) {
-  InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable);
+void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable,
+                         const ArchiveTrust& trust) {
+  InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable, trust);
   runOnMain([plan] {
     UpdateHost& host = updateHost();
     if (!plan.failure.empty()) {

@@ -10,6 +10,7 @@
 #include "update/pending_update.h"
 #include "update/update_host.h"
 #include "update/update_paths.h"
+#include "update/update_signature.h"
 #include "update/version.h"
 
 void ondrelCheckForUpdates() {
@@ -23,6 +24,11 @@ void ondrelCheckForUpdates() {
     return;
   }
   logLine("[Update] checking " + *url);
+  static bool toldUnsigned = false;
+  if (!ondrelUpdatesAreSigned() && !toldUnsigned) {
+    toldUnsigned = true;
+    logLine("[Update] updates are not signature-checked: this copy was built without an update key");
+  }
   std::thread([manifestUrl = *url] {
     HttpAnswer answer = ondrelHttpGet(manifestUrl);
     auto offer = ondrelEvaluateManifest(manifestUrl, answer.ok, answer.status, answer.body, ondrelCurrentVersion());

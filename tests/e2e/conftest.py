@@ -35,6 +35,14 @@ def web() -> WebServer:
 
 
 @pytest.fixture(scope="session")
+def other_web() -> WebServer:
+    """The same pages from another origin (another port on 127.0.0.1)."""
+    server = WebServer()
+    yield server
+    server.stop()
+
+
+@pytest.fixture(scope="session")
 def map_watcher(xvfb) -> MapWatcher:
     return MapWatcher(xvfb.display)
 

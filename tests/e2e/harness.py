@@ -387,7 +387,7 @@ class WebServer:
 
     Tests can add their own handlers with route(path, fn); fn(handler) gets the
     request handler (its .path, .headers, .command, and .body for a POST) and
-    returns (status, content_type, body_bytes).
+    returns (status, content_type, body_bytes[, extra_headers]).
     """
 
     def __init__(self, root: Path = PAGES):
@@ -416,9 +416,11 @@ class WebServer:
                 fn = server._routes.get(path)
                 if fn is None:
                     return False
-                status, ctype, body = fn(self)
+                status, ctype, body, *extra = fn(self)
                 self.send_response(status)
                 self.send_header("Content-Type", ctype)
+                for name, value in (extra[0] if extra else {}).items():
+                    self.send_header(name, value)
                 self.send_header("Content-Length", str(len(body)))
                 self.end_headers()
                 self.wfile.write(body)

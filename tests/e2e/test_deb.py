@@ -79,4 +79,5 @@ def test_installed_copy_leaves_updates_to_the_package_manager(installed, launch,
     text = about_text(launch, window, app.pid)
     assert f"Version {VERSION} (build {BUILD})" in text, text
     assert "Update Source: the system's package manager" in text, text
+    assert "signature" not in text, text
     assert not any(m.startswith("[Update] checking") for m in app.messages())

@@ -7,15 +7,18 @@ and then checked from outside, on the real files.
 
 from __future__ import annotations
 
+import json
 import os
 import shutil
 import stat
+import subprocess
 import uuid
 from pathlib import Path
 
 import pytest
 
-from exec_client import ExecClient, user_home_base
+from exec_client import UNPRIVILEGED_UID, ExecClient, user_home_base
+from harness import BINARY
 
 IS_ROOT = os.geteuid() == 0
 pytestmark = pytest.mark.skipif(not os.access("/usr/bin/bwrap", os.X_OK), reason="bubblewrap is not installed")
@@ -60,14 +63,15 @@ def mode(request):
 
 @pytest.fixture
 def start(screen, web, tmp_path, mode, request):
-    """start(env=None, prepare=None) -> a running ExecClient with a fresh HOME.
+    """start(env=None, prepare=None, binary=None) -> a running ExecClient with a fresh HOME.
 
-    prepare(home) may fill the home folder before the app starts.
+    prepare(home) may fill the home folder before the app starts; binary, a
+    path inside that home, is the program to run instead of the build's.
     """
     clients: list[ExecClient] = []
     bases: list[Path] = []
 
-    def _start(env: dict | None = None, prepare=None) -> ExecClient:
+    def _start(env: dict | None = None, prepare=None, binary: str | None = None) -> ExecClient:
         if mode == "nobody":
             base = user_home_base()
             bases.append(base)
@@ -78,7 +82,8 @@ def start(screen, web, tmp_path, mode, request):
         home.mkdir()
         if prepare:
             prepare(home)
-        client = ExecClient(screen, web, home, user=(mode == "nobody"), env=env)
+        client = ExecClient(screen, web, home, user=(mode == "nobody"), env=env,
+                            binary=str(home / binary) if binary else BINARY)
         clients.append(client)
         return client.start()
 
@@ -294,6 +299,55 @@ def test_protected_files_resist_every_kind_of_change(start):
     assert not (c.home / "linked-").exists() and not (c.home / "ssh-away").exists()
 
 
+APPDIR = "Applications/Ondrel.AppDir"
+
+
+def test_what_runs_outside_later_stays_read_only(start):
+    """The app's own folders, its AppDir, the desktop's autostart and the shell's
+    start-up files: each attempt is paired with the same change beside it."""
+    settings = {"sandboxReadOnly": ["~/hooks"]}
+
+    def prepare(home):
+        (home / APPDIR / "usr" / "bin").mkdir(parents=True)
+        shutil.copy2(BINARY, home / APPDIR / "usr" / "bin" / "ondrel")
+        (home / ".bashrc").write_text("# mine\n")
+        (home / "hooks").mkdir()
+        (home / ".config" / "ondrel").mkdir(parents=True)
+        (home / ".config" / "ondrel" / "config.json").write_text(json.dumps(settings))
+    c = start(prepare=prepare, binary=f"{APPDIR}/usr/bin/ondrel")
+    r = c.run(PROBE + f'''
+        cd "$HOME"; mkdir -p .config/other .local/share/other .cache/other
+        t settings sh -c 'echo "{{}}" > .config/ondrel/config.json'
+        t control_settings sh -c 'echo "{{}}" > .config/other/config.json'
+        t data touch .local/share/ondrel/pending-update.json
+        t cache touch .cache/ondrel/sw.js
+        t control_data touch .local/share/other/pending-update.json .cache/other/sw.js
+        t appdir touch {APPDIR}/usr/bin/planted
+        t appdir_move mv {APPDIR} Applications/away
+        t control_appdir touch Applications/beside
+        t autostart touch .config/autostart/run.desktop
+        t systemd touch .config/systemd/user/run.service
+        t environment touch .config/environment.d/path.conf
+        t control_config touch .config/other/run.desktop
+        t startup sh -c 'echo planted >> .bashrc'
+        t startup_replace rm -f .bashrc
+        t control_startup sh -c 'echo planted >> .bashrc.old'
+        t user_added touch hooks/planted
+        t control_user_added sh -c 'mkdir hooks2 && touch hooks2/planted'
+    ''')
+    assert_outcomes(r, failed=["settings", "data", "cache", "appdir", "appdir_move", "autostart", "systemd",
+                               "environment", "startup", "startup_replace", "user_added"],
+                    succeeded=["control_settings", "control_data", "control_appdir", "control_config",
+                               "control_startup", "control_user_added"])
+    assert json.loads((c.home / ".config" / "ondrel" / "config.json").read_text()) == settings
+    assert (c.home / ".bashrc").read_text() == "# mine\n"
+    assert not (c.home / ".zshrc").exists(), "a start-up file was made"
+    for folder in (".config/autostart", ".config/systemd/user", ".config/environment.d"):
+        assert stat.S_IMODE((c.home / folder).stat().st_mode) == 0o700, folder
+    # The page still changes the settings: that runs in the app, not in a command.
+    assert c.bridge.call("mcpWriteConfig", json.dumps({"mcpServers": {}}))[0]
+
+
 def test_working_directory_linked_to_ssh_stays_read_only(start):
     def prepare(home):
         (home / ".ssh").mkdir(mode=0o700)
@@ -350,7 +404,14 @@ def test_hard_link_to_a_protected_file_is_never_written(start):
 def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
     c = start()
     app = c.app.pid
+    # process_vm_readv of one word at address 0: "permission denied" fails,
+    # anything else (a bad address) means the memory was reachable.
+    vm = ("import ctypes,sys; libc=ctypes.CDLL(None, use_errno=True); b=ctypes.create_string_buffer(8); "
+          "io=lambda a: (ctypes.c_size_t*2)(a, 8); "
+          "n=libc.process_vm_readv(int(sys.argv[1]), io(ctypes.addressof(b)), 1, io(0), 1, 0); "
+          "sys.exit(1 if n < 0 and ctypes.get_errno() == 1 else 0)")
     r = c.run(PROBE + f'''
+        VM="{vm}"
         t app_root ls /proc/{app}/root/
         t app_root_write touch /proc/{app}/root/var/tmp/ondrel-e2e-proc-escape
         t app_ssh sh -c 'echo x > /proc/{app}/root$HOME/.ssh/known_hosts'
@@ -359,8 +420,12 @@ def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
         t app_environ cat /proc/{app}/environ
         t init_root ls /proc/1/root/
         t ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, {app}, 0, 0) != 0)"
+        t mem $PY -c "open('/proc/{app}/mem', 'r+b')"
+        t vm_read $PY -c "$VM" {app}
         sleep 5 & own=$!
         t control_ptrace $PY -c "import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, $own, 0, 0) != 0)"
+        t control_mem $PY -c "open('/proc/$own/mem', 'r+b')"
+        t control_vm_read $PY -c "$VM" $own
         t control_root ls /proc/$own/root/
         t control_environ cat /proc/$own/environ
         kill $own
@@ -368,8 +433,8 @@ def test_other_processes_and_inherited_descriptors_are_out_of_reach(start):
         echo "fds: $(tr '\\n' ' ' < "$HOME/fds.out")"
     ''')
     assert_outcomes(r, failed=["app_root", "app_root_write", "app_ssh", "app_cwd", "app_fd", "app_environ",
-                               "init_root", "ptrace"],
-                    succeeded=["control_ptrace", "control_root", "control_environ"])
+                               "init_root", "ptrace", "mem", "vm_read"],
+                    succeeded=["control_ptrace", "control_mem", "control_vm_read", "control_root", "control_environ"])
     assert "fds: 0 1 2 \n" in r.stdout
     assert not Path("/var/tmp/ondrel-e2e-proc-escape").exists()
     assert not (c.home / "escape").exists()
@@ -388,3 +453,102 @@ def test_kernel_settings_stay_read_only(start):
         t sysrq sh -c 'echo > /proc/sysrq-trigger'
     ''')
     assert_all_held(r, ["kernel/core_pattern", "kernel/modprobe", "kernel/hostname", "sysrq"])
+
+
+# --- the desktop's doors and the limits ---------------------------------------
+
+
+def as_app_user(mode, argv):
+    if mode != "nobody":
+        return argv
+    return ["setpriv", f"--reuid={UNPRIVILEGED_UID}", f"--regid={UNPRIVILEGED_UID}", "--clear-groups", "--", *argv]
+
+
+@pytest.fixture
+def session_bus(mode, tmp_path):
+    """A session bus of the app's user, as a desktop session has one."""
+    base = user_home_base() if mode == "nobody" else tmp_path
+    if mode == "nobody":
+        os.chown(base, UNPRIVILEGED_UID, UNPRIVILEGED_UID)
+    daemon = subprocess.Popen(as_app_user(mode, ["dbus-daemon", "--session", "--nofork", "--print-address",
+                                                 f"--address=unix:path={base}/bus"]),
+                              stdout=subprocess.PIPE, text=True)
+    address = daemon.stdout.readline().strip()
+    yield address
+    daemon.terminate()
+    daemon.wait()
+    if mode == "nobody":
+        shutil.rmtree(base, ignore_errors=True)
+
+
+LIST_NAMES = ("dbus-send --bus={} --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+              "org.freedesktop.DBus.ListNames")
+
+
+def test_the_session_bus_the_display_and_key_links_are_out_of_reach(start, session_bus, mode, screen):
+    def prepare(home):
+        (home / "dotfiles").mkdir()
+        (home / "dotfiles" / "ssh_config").write_text("Host *\n")
+        (home / ".ssh").mkdir(mode=0o700)
+        (home / ".ssh" / "config").symlink_to(home / "dotfiles" / "ssh_config")
+    c = start(env={"DBUS_SESSION_BUS_ADDRESS": session_bus}, prepare=prepare)
+    # The control for the bus: outside, the app's user reaches it.
+    subprocess.run(as_app_user(mode, LIST_NAMES.format(session_bus).split()), check=True, capture_output=True)
+    r = c.run(PROBE + f'''
+        t bus {LIST_NAMES.format(session_bus)}
+        t bus_by_default sh -c 'dbus-send --session --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.ListNames'
+        t systemd_run systemd-run --user --quiet true
+        t display_named sh -c 'test -n "$DISPLAY$WAYLAND_DISPLAY"'
+        t display_socket test -S /tmp/.X11-unix/X{screen.display.lstrip(":")}
+        t ssh_config_target sh -c 'echo "ProxyCommand planted" >> "$HOME/.ssh/config"'
+        t control_dotfiles sh -c 'echo "# mine" >> "$HOME/dotfiles/other"'
+    ''')
+    assert_outcomes(r, failed=["bus", "bus_by_default", "systemd_run", "display_named", "display_socket",
+                               "ssh_config_target"],
+                    succeeded=["control_dotfiles"])
+    assert (c.home / "dotfiles" / "ssh_config").read_text() == "Host *\n"
+
+
+def test_network_and_abstract_display_can_be_taken_away(start, web, screen):
+    settings = lambda home, network: (home / ".config" / "ondrel" / "config.json").write_text(  # noqa: E731
+        json.dumps({"sandboxNetwork": network}))
+
+    def prepare(home):
+        (home / ".config" / "ondrel").mkdir(parents=True)
+        settings(home, False)
+    c = start(prepare=prepare)
+    probe = PROBE + f'''
+        t loopback curl -sf -o /dev/null {web.url("report.js")}
+        t display env DISPLAY={screen.display} xdotool getmouselocation
+    '''
+    assert_all_held(c.run(probe), ["loopback", "display"])
+    # The settings file is read for every command: the same command with the
+    # network back is the control.
+    settings(c.home, True)
+    assert_outcomes(c.run(probe), succeeded=["loopback", "display"])
+
+
+def test_endless_output_is_cut_and_the_app_stays_small(start):
+    c = start()
+
+    def rss_kib():
+        with open(f"/proc/{c.app.pid}/status") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+    before = rss_kib()
+    # Summed up in the page: the 16 MiB of output would not fit in a report.
+    result = c.bridge.run("""
+        const ondrel = window.__ondrel, original = ondrel.__resolve, id = 'endless';
+        return await new Promise((resolve) => {
+          ondrel.__resolve = function (reqId, ok, value) {
+            if (reqId !== id) return original.apply(this, arguments);
+            ondrel.__resolve = original;
+            resolve({ ok: ok, truncated: value.truncated, out: value.stdout.length, err: value.stderr });
+          };
+          window.webkit.messageHandlers.ondrel.postMessage(
+            { __reqId: id, name: 'exec', args: ['~', 'head -c 200M /dev/zero; echo done >&2'] });
+        });
+    """, timeout=120)
+    assert result == {"ok": 1, "truncated": ["stdout"], "out": 16 << 20, "err": "done\n"}
+    grown_mib = (rss_kib() - before) / 1024
+    print(f"[e2e] app RSS grew {grown_mib:.1f} MiB for a 200 MB output")
+    assert grown_mib < 100

@@ -1,4 +1,6 @@
 #include <glib.h>
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -61,7 +63,7 @@ TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
   EXPECT_EQ(call("getProjectDirs", Json::array()).value, expected);
 
   FakeHost otherHost;
-  Bridge other(otherHost, nullptr);
+  Bridge other(otherHost, kPageOrigin, nullptr);
   other.handleNativeAction("r", "getProjectDirs", Json::array());
   ASSERT_EQ(otherHost.scripts.size(), 1u);
   EXPECT_EQ(parseReply(otherHost.scripts[0])->value, expected);
@@ -79,7 +81,10 @@ TEST_F(BridgeTest, ReadFileGivesUtf8TextOrTheSystemsError) {
   EXPECT_EQ(call("readFile", {(dir / "text.txt").string()}).value, text);
   EXPECT_EQ(call("readFile", {(dir / "empty.txt").string()}).value, "");
 
-  for (const fs::path& bad : {dir / "latin1.txt", dir / "missing.txt", dir}) {
+  // A device never ends and a FIFO without a writer would block the open:
+  // both are refused at once.
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  for (const fs::path& bad : {dir / "latin1.txt", dir / "missing.txt", dir, dir / "fifo", fs::path("/dev/zero")}) {
     Reply reply = call("readFile", {bad.string()});
     EXPECT_FALSE(reply.ok) << bad;
     ASSERT_TRUE(reply.value.is_string()) << bad;

@@ -46,6 +46,17 @@ class FakeHost : public BridgeHost {
   };
 };
 
+// The instance origin every test bridge is made for.
+inline const std::string kPageOrigin = "http://instance.test:8123";
+
+// A native-to-page expression without its origin guard, or nullopt when the
+// guard is missing: nothing may reach a page that moved to another origin.
+inline std::optional<std::string> unguarded(const std::string& script) {
+  const std::string head = "location.origin === \"" + kPageOrigin + "\" && (";
+  if (script.rfind(head, 0) != 0 || script.empty() || script.back() != ')') return std::nullopt;
+  return script.substr(head.size(), script.size() - head.size() - 1);
+}
+
 // A reply expression taken apart by hand, so the tests do not reuse the
 // code that builds it.
 struct Reply {
@@ -54,7 +65,10 @@ struct Reply {
   Json value;
 };
 
-inline std::optional<Reply> parseReply(const std::string& script) {
+inline std::optional<Reply> parseReply(const std::string& guarded) {
+  const auto inside = unguarded(guarded);
+  if (!inside) return std::nullopt;
+  const std::string& script = *inside;
   const std::string head = "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('";
   const std::string tail = ") : console.error('__resolve missing') ";
   if (script.size() < head.size() + tail.size() || script.rfind(head, 0) != 0 ||
@@ -97,5 +111,5 @@ class BridgeTest : public ::testing::Test {
   HomeOverride home_;
   FakeHost host_;
   std::vector<std::string> played_;
-  Bridge bridge_{host_, [this](const std::string& path) { played_.push_back(path); }};
+  Bridge bridge_{host_, kPageOrigin, [this](const std::string& path) { played_.push_back(path); }};
 };

@@ -82,6 +82,7 @@ class ExecTest : public ::testing::Test {
 
   TempDir dir_;
   std::optional<std::string> savedHome_, savedTmp_;
+  std::vector<std::string> binds_;
 };
 
 TEST(ExecArguments, BadArgumentsAreRefusedAtOnce) {
@@ -144,8 +145,8 @@ TEST(ExecOutput, OutputThatIsNotUtf8BecomesEmpty) {
   run.exitStatus = 3;
   run.out = "caf\xE9";  // Latin-1
   run.err = "fine";
-  EXPECT_EQ(execResultValue(run), Json::parse(R"({"exit": 3, "stdout": "", "stderr": "fine"})"));
-  EXPECT_EQ(execResultValue(run).begin().key(), "exit");
+  EXPECT_EQ(execResultValue(ChildRun(run)), Json::parse(R"({"exit": 3, "stdout": "", "stderr": "fine"})"));
+  EXPECT_EQ(execResultValue(ChildRun(run)).begin().key(), "exit");
 }
 
 TEST(ExecChild, BothPipesAreDrainedTogether) {
@@ -197,6 +198,34 @@ TEST(ExecChild, OnlyTheStandardDescriptorsReachTheChild) {
   EXPECT_EQ(run.out, "0\n1\n2\n");
 }
 
+TEST(ExecChild, OutputIsCutAtTheLimitOnACharacterBoundaryAndInputIsEmpty) {
+  const size_t limit = kExecOutputLimit;
+  const struct {
+    std::string script;
+    size_t outSize, errSize;
+    bool outCut, errCut;
+  } cases[] = {
+      // Both streams past the limit; the writer is drained to its end.
+      {"head -c 20M /dev/zero; head -c 17M /dev/zero >&2; echo done >&2", limit, limit, true, true},
+      // A two-byte character straddling the limit is dropped whole.
+      {"head -c " + std::to_string(limit - 1) + " /dev/zero; printf '\\303\\251after'", limit - 1, 0, true, false},
+      {"head -c " + std::to_string(limit) + " /dev/zero", limit, 0, false, false},
+      // Standard input is empty: a reader ends at once.
+      {"cat; echo read-nothing >&2", 0, 13, false, false},
+  };
+  for (const auto& c : cases) {
+    ChildRun run = runChild({"/bin/sh", "-c", c.script}, "/");
+    ASSERT_TRUE(run.launched) << run.error;
+    EXPECT_EQ(run.out.size(), c.outSize) << c.script;
+    EXPECT_EQ(run.err.size(), c.errSize) << c.script;
+    EXPECT_EQ(run.outCut, c.outCut) << c.script;
+    EXPECT_EQ(run.errCut, c.errCut) << c.script;
+    EXPECT_TRUE(isValidUtf8(run.out)) << c.script;
+    Json value = execResultValue(std::move(run));
+    EXPECT_EQ(value.contains("truncated"), c.outCut || c.errCut) << c.script;
+  }
+}
+
 TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
   ChildRun missingDir = runChild({"/bin/true"}, "/no/such/dir");
   EXPECT_FALSE(missingDir.launched);
@@ -213,7 +242,7 @@ TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
 }
 
 TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndLinksRefused) {
-  ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
+  ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
   for (const char* name : {".ssh", ".gnupg"}) {
     struct stat st {};
     ASSERT_EQ(lstat((dir_.path() / name).c_str(), &st), 0) << name;
@@ -226,19 +255,66 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndLinksRefused) {
   fs::create_hard_link(dir_.path() / ".ssh/authorized_keys", dir_.path() / ".ssh/authorized_keys2");
   fs::create_directories(dir_.path() / ".gnupg/private-keys-v1.d");
   writeText(dir_.path() / ".gnupg/private-keys-v1.d/k.key", "secret");
-  EXPECT_EQ(prepareProtectedFolders(home()), std::nullopt);
+  EXPECT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
   fs::create_hard_link(dir_.path() / ".gnupg/private-keys-v1.d/k.key", dir_.path() / "copy.key");
-  auto refusal = prepareProtectedFolders(home());
+  auto refusal = prepareProtectedFolders(home(), binds_);
   ASSERT_TRUE(refusal);
   EXPECT_NE(refusal->find("k.key"), std::string::npos) << *refusal;
   fs::remove(dir_.path() / "copy.key");
 
+  // Links inside: a target outside is protected too, one inside needs
+  // nothing, a link to nothing is refused.
+  writeText(dir_.path() / "dotfiles/ssh_config", "Host *\n");
+  fs::create_symlink(dir_.path() / "dotfiles/ssh_config", dir_.path() / ".ssh/config");
+  fs::create_symlink(dir_.path() / ".ssh/authorized_keys", dir_.path() / ".ssh/keys");
+  binds_.clear();
+  EXPECT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
+  EXPECT_EQ(binds_, std::vector<std::string>{fs::canonical(dir_.path() / "dotfiles/ssh_config").string()});
+  fs::remove(dir_.path() / "dotfiles/ssh_config");
+  refusal = prepareProtectedFolders(home(), binds_);
+  ASSERT_TRUE(refusal);
+  EXPECT_NE(refusal->find("config points to something that does not exist"), std::string::npos) << *refusal;
+
   fs::remove_all(dir_.path() / ".ssh");
   fs::create_directory(dir_.path() / "elsewhere");
   fs::create_directory_symlink(dir_.path() / "elsewhere", dir_.path() / ".ssh");
-  refusal = prepareProtectedFolders(home());
+  refusal = prepareProtectedFolders(home(), binds_);
   ASSERT_TRUE(refusal);
   EXPECT_NE(refusal->find(".ssh is a symbolic link"), std::string::npos) << *refusal;
+}
+
+TEST_F(ExecTest, ReadOnlyPlanMakesMissingFoldersAndRefusesWhatACommandCouldRedirect) {
+  const fs::path h = dir_.path();
+  writeText(h / ".bashrc", "alias ll='ls -l'\n");
+  ReadOnlyPlan plan{{(h / ".config/systemd/user").string()},
+                    {(h / ".bashrc").string(), (h / ".zshrc").string(), (h / "hooks").string()}};
+  std::vector<std::string> binds;
+  ASSERT_EQ(prepareReadOnlyPaths(plan, binds), std::nullopt);
+  EXPECT_EQ(binds, (std::vector<std::string>{(h / ".config/systemd/user").string(), (h / ".bashrc").string()}));
+  struct stat st {};
+  ASSERT_EQ(lstat((h / ".config/systemd/user").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_FALSE(fs::exists(h / ".zshrc")) << "a missing start-up file would shadow another";
+
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    const char* refusal;
+  } cases[] = {
+      {"symlinked file", [&] { fs::create_symlink(h / ".bashrc", h / "hooks"); }, "hooks is a symbolic link"},
+      {"hard-linked file", [&] { fs::create_hard_link(h / ".bashrc", h / "hooks"); }, "has a hard link elsewhere"},
+      {"symlinked folder", [&] { fs::create_directory_symlink(h, h / ".config/systemd/user"); },
+       "user is a symbolic link"},
+  };
+  for (const auto& c : cases) {
+    fs::remove(h / "hooks");
+    fs::remove_all(h / ".config/systemd/user");
+    c.make();
+    binds.clear();
+    auto refusal = prepareReadOnlyPaths(plan, binds);
+    ASSERT_TRUE(refusal) << c.name;
+    EXPECT_NE(refusal->find(c.refusal), std::string::npos) << *refusal;
+  }
 }
 
 TEST_F(ExecTest, CommandRunsConfinedAndAnswersOnTheMainThread) {
@@ -274,14 +350,14 @@ TEST_F(ExecTest, SandboxSetupFailuresAreLaunchFailures) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   // bubblewrap exits 1 with its message when it cannot build the sandbox;
   // that must not pass for the command's own exit status.
-  ChildRun broken = runSandboxed({"/no/such/home", "/", std::nullopt}, "echo ran");
+  ChildRun broken = runSandboxed({.home = "/no/such/home", .workDir = "/"}, "echo ran");
   EXPECT_FALSE(broken.launched);
   EXPECT_EQ(broken.out, "");
   EXPECT_NE(broken.error.find("/no/such/home"), std::string::npos) << broken.error;
 
   // A command that looks just like that failure is still a result.
-  ASSERT_EQ(prepareProtectedFolders(home()), std::nullopt);
-  ChildRun lookalike = runSandboxed({home(), home(), std::nullopt}, "echo 'bwrap: no' >&2; exit 1");
+  ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
+  ChildRun lookalike = runSandboxed({.home = home(), .workDir = home()}, "echo 'bwrap: no' >&2; exit 1");
   EXPECT_TRUE(lookalike.launched) << lookalike.error;
   EXPECT_EQ(lookalike.exitStatus, 1);
   EXPECT_EQ(lookalike.err, "bwrap: no\n");
@@ -291,7 +367,7 @@ TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   LogCapture::instance();  // keeps the bridge's log lines out of the test output
   FakeHost host;
-  Bridge bridge(host, [](const std::string&) {});
+  Bridge bridge(host, kPageOrigin, [](const std::string&) {});
   registerExecAction(bridge);
 
   bridge.didReceiveScriptMessage(Json{{"__reqId", 7}, {"name", "exec"}, {"args", {"~", "printf 'a\"b'; exit 2"}}});

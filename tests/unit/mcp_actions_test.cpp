@@ -7,45 +7,17 @@
 
 #include "bridge/bridge.h"
 #include "mcp/client_mcp.h"
+#include "bridge_fakes.h"
 #include "mcp_test_support.h"
 
 namespace {
 
-struct Reply {
-  std::string id;
-  bool ok;
-  Json value;
-};
-
-// Records the reply expressions the bridge evaluates and reads them back.
-class RecordingHost : public BridgeHost {
- public:
-  void evaluateScript(const std::string& script) override { scripts.push_back(script); }
-  void evaluateScriptForResult(const std::string&, std::function<void(const std::string&, const std::string&)>) override {}
-  void pickDirectory(const std::optional<std::string>&, std::function<void(std::optional<std::string>)>) override {}
-  void setChromeScrim(const std::optional<ScrimColor>&) override {}
-  void openInBrowser(const std::string&) override {}
-
-  std::vector<Reply> replies() const {
-    std::vector<Reply> out;
-    const std::string head = "window.__ondrel.__resolve('";
-    const std::string tail = ") : console.error('__resolve missing') ";
-    for (const auto& s : scripts) {
-      size_t start = s.find(head);
-      if (start == std::string::npos || s.size() < tail.size() || s.compare(s.size() - tail.size(), tail.size(), tail))
-        continue;
-      start += head.size();
-      size_t quote = s.find("', ", start);
-      Reply r{s.substr(start, quote - start), s[quote + 3] == '1', nullptr};
-      size_t valueStart = quote + 6;
-      r.value = Json::parse(s.substr(valueStart, s.size() - tail.size() - valueStart));
-      out.push_back(r);
-    }
-    return out;
-  }
-
-  std::vector<std::string> scripts;
-};
+std::vector<Reply> repliesOf(const FakeHost& host) {
+  std::vector<Reply> out;
+  for (const auto& script : host.scripts)
+    if (auto reply = parseReply(script)) out.push_back(*reply);
+  return out;
+}
 
 }  // namespace
 
@@ -67,7 +39,7 @@ class McpActions : public HomeFixture {
   Reply replyTo(const std::string& id) {
     auto mine = [&] {
       std::vector<Reply> found;
-      for (auto& r : host_.replies())
+      for (auto& r : repliesOf(host_))
         if (r.id == id) found.push_back(r);
       return found;
     };
@@ -78,8 +50,8 @@ class McpActions : public HomeFixture {
     return found.empty() ? Reply{id, false, "no reply"} : found[0];
   }
 
-  RecordingHost host_;
-  Bridge bridge_{host_, [](const std::string&) {}};
+  FakeHost host_;
+  Bridge bridge_{host_, kPageOrigin, [](const std::string&) {}};
 };
 
 TEST_F(McpActions, ReadAndWriteConfig) {

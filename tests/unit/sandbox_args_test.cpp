@@ -25,7 +25,10 @@ long lastWritableBind(const Args& args) {
 }
 
 TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
-  SandboxPaths paths{"/home/u", "/home/u/project", std::string("/home/u/tmp")};
+  SandboxPaths paths{.home = "/home/u", .workDir = "/home/u/project", .tmpDir = std::string("/home/u/tmp"),
+                     .readOnly = {"/home/u/.bashrc", "/opt/A.AppDir"},
+                     .doors = {{"/run/user/1/bus"}, {"/tmp/.X11-unix"}},
+                     .network = false};
   Args expected = {"/usr/bin/bwrap",
                    "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
                    "--bind", "/home/u", "/home/u",
@@ -34,8 +37,15 @@ TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
                    "--bind", "/home/u/project", "/home/u/project",
                    "--ro-bind", "/home/u/.ssh", "/home/u/.ssh",
                    "--ro-bind", "/home/u/.gnupg", "/home/u/.gnupg",
+                   "--ro-bind", "/home/u/.bashrc", "/home/u/.bashrc",
+                   "--ro-bind", "/opt/A.AppDir", "/opt/A.AppDir",
+                   "--ro-bind", "/dev/null", "/run/user/1/bus",
+                   "--tmpfs", "/tmp/.X11-unix", "--remount-ro", "/tmp/.X11-unix",
+                   "--unsetenv", "DBUS_SESSION_BUS_ADDRESS", "--unsetenv", "DISPLAY", "--unsetenv", "WAYLAND_DISPLAY",
+                   "--unsetenv", "WAYLAND_SOCKET", "--unsetenv", "XAUTHORITY", "--unsetenv", "AT_SPI_BUS_ADDRESS",
                    "--ro-bind", "/proc/sys", "/proc/sys",
                    "--unshare-user", "--disable-userns", "--cap-drop", "ALL", "--new-session", "--die-with-parent",
+                   "--unshare-net",
                    "--chdir", "/home/u/project", "--", "/bin/bash", "-lc", "make 'a b' && echo \"$HOME\""};
   EXPECT_EQ(buildSandboxArgs(paths, "make 'a b' && echo \"$HOME\""), expected);
 
@@ -59,14 +69,17 @@ TEST(SandboxArgs, ProtectedFoldersAreMountedAfterEveryWritablePlace) {
       {"/proc", "/proc/sys/kernel"},
   };
   for (const auto& [work, tmp] : cases) {
-    Args args = buildSandboxArgs({"/home/u", work, tmp}, "true");
+    Args args = buildSandboxArgs({.home = "/home/u", .workDir = work, .tmpDir = tmp, .readOnly = {"/home/u/.config/ondrel"}},
+                                 "true");
+    long settings = mountIndex(args, "--ro-bind", "/home/u/.config/ondrel");
     long ssh = mountIndex(args, "--ro-bind", "/home/u/.ssh");
     long gnupg = mountIndex(args, "--ro-bind", "/home/u/.gnupg");
     long sysctl = mountIndex(args, "--ro-bind", "/proc/sys");
     ASSERT_GE(ssh, 0) << work;
     ASSERT_GE(gnupg, 0) << work;
     ASSERT_GE(sysctl, 0) << work;
-    for (long protectedMount : {ssh, gnupg, sysctl})
+    ASSERT_GE(settings, 0) << work;
+    for (long protectedMount : {ssh, gnupg, settings, sysctl})
       EXPECT_GT(protectedMount, lastWritableBind(args)) << work << " " << tmp;
     EXPECT_EQ(mountIndex(args, "--ro-bind", "/"), 1) << "the read-only root comes first";
     EXPECT_GE(mountIndex(args, "--bind", work), 0) << "the working directory is always writable";
@@ -87,7 +100,7 @@ TEST(SandboxArgs, TmpDirIsLeftOutWhenItWouldOpenTooMuch) {
       {std::string("/run/user/1000"), true},
   };
   for (const auto& [tmp, kept] : cases) {
-    Args args = buildSandboxArgs({"/home/u", "/work", tmp}, "true");
+    Args args = buildSandboxArgs({.home = "/home/u", .workDir = "/work", .tmpDir = tmp}, "true");
     // Count the writable binds that are not the fixed ones.
     long extra = 0;
     for (size_t i = 0; i + 2 < args.size(); ++i)
@@ -99,6 +112,18 @@ TEST(SandboxArgs, TmpDirIsLeftOutWhenItWouldOpenTooMuch) {
       EXPECT_EQ(tmpDirIsUsable(*tmp, "/home/u"), kept) << *tmp;
     }
   }
+}
+
+TEST(SandboxArgs, BusAddressesNameTheirSocketPaths) {
+  const std::pair<std::string, Args> cases[] = {
+      {"unix:path=/run/user/1000/bus", {"/run/user/1000/bus"}},
+      {"unix:path=/tmp/a%20b,guid=1234;unix:abstract=/tmp/dbus-x", {"/tmp/a b"}},
+      {"unix:guid=1,path=/x/y;tcp:host=localhost,port=1;unix:path=/z", {"/x/y", "/z"}},
+      {"unix:abstract=/tmp/dbus-x", {}},
+      {"disabled:", {}},
+      {"", {}},
+  };
+  for (const auto& [address, paths] : cases) EXPECT_EQ(busSocketPaths(address), paths) << address;
 }
 
 TEST(SandboxArgs, PathRulesWorkOnWholeComponents) {

@@ -71,7 +71,8 @@ TEST(ServerAddress, AllowedOnlyForServiceDomainAndLoopback) {
       {"https://team.on." + D, true},
       {"https://a.b." + D, true},
       {"https://" + D, true},
-      {"http://team.on." + D + ":8080/x", true},
+      {"http://team.on." + D + ":8080/x", false},
+      {"http://" + D, false},
       {"https://TEAM.ON." + upper(D) + ":8443", true},
       {"https://evil" + D, false},
       {"https://" + D + ".evil.com", false},
@@ -105,3 +106,17 @@ TEST(ServerAddress, HostOfIsLowerCasedWithoutBracketsOrPort) {
 }
 
 }  // namespace
+
+TEST(ServerAddress, OriginIsWhatThePageReadsInLocationOrigin) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"https://Team.on.Example.COM", "https://team.on.example.com"},
+      {"HTTP://127.0.0.1:8123/path?q#f", "http://127.0.0.1:8123"},
+      {"https://host:443/", "https://host"},
+      {"http://host:80", "http://host"},
+      {"http://host:443", "http://host:443"},
+      {"http://[::1]:9000/", "http://[::1]:9000"},
+      {"file:///etc/passwd", ""},
+      {"not a url", ""},
+  };
+  for (const auto& [url, origin] : cases) EXPECT_EQ(ondrelOriginOf(url), origin) << url;
+}

@@ -1,0 +1,55 @@
+#include "bridge/bridge_gate.h"
+
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+
+namespace {
+
+const std::string kOrigin = "http://127.0.0.1:8123";
+const std::string kKey = "0123456789abcdef0123456789abcdef";
+
+TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
+  const BridgeGate gate(kOrigin, kKey);
+  const Json body = {{"__reqId", "r1"}, {"name", "exec"}};
+  const struct {
+    Json envelope;
+    bool admitted;
+    std::string namedOrigin;  // in the refusal's log line
+  } cases[] = {
+      {Json::array({kKey, kOrigin, body}), true, ""},
+      {Json::array({"", "http://127.0.0.1:9999", body}), false, "http://127.0.0.1:9999"},
+      {Json::array({kKey.substr(1) + "0", kOrigin, body}), false, kOrigin},
+      {Json::array({kKey.substr(0, 31), kOrigin, body}), false, kOrigin},
+      {Json::array({kKey, kOrigin}), false, "bypassed"},
+      {Json::array({nullptr, kOrigin, body}), false, kOrigin},
+      {body, false, "bypassed"},
+      {"a string", false, "bypassed"},
+      {Json::array({"", std::string(5000, 'o'), body}), false, std::string(150, 'o')},
+  };
+  for (const auto& c : cases) {
+    LogCapture::instance().clear();
+    auto admitted = gate.admit(Json(c.envelope));
+    EXPECT_EQ(admitted.has_value(), c.admitted) << c.envelope;
+    const auto lines = LogCapture::instance().lines();
+    if (c.admitted) {
+      EXPECT_EQ(*admitted, body);
+      EXPECT_TRUE(lines.empty());
+    } else {
+      ASSERT_EQ(lines.size(), 1u) << c.envelope;
+      EXPECT_NE(lines[0].find(c.namedOrigin), std::string::npos) << lines[0];
+      EXPECT_LT(lines[0].size(), 400u);
+    }
+  }
+}
+
+TEST(BridgeGate, EachGateHasItsOwnKeyAndOnlyTheTopFrameScriptHoldsIt) {
+  const BridgeGate a(kOrigin), b(kOrigin);
+  const std::string aScript = a.topFrameScript(""), bScript = b.topFrameScript("");
+  EXPECT_NE(aScript, bScript);
+  const BridgeGate known(kOrigin, kKey);
+  EXPECT_NE(known.topFrameScript("").find(kKey), std::string::npos);
+  EXPECT_EQ(known.otherFrameScript().find(kKey), std::string::npos);
+}
+
+}  // namespace
