@@ -341,6 +341,11 @@ bool ChildProcess::waitUntilExited(double seconds) {
   return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return exited_; });
 }
 
+bool ChildProcess::waitUntilFinished(double seconds) {
+  std::unique_lock lock(gReapMutex);
+  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return finished_; });
+}
+
 int ChildProcess::liveChildren() {
   std::lock_guard lock(gReapMutex);
   return gLiveChildren;
@@ -490,4 +495,9 @@ void ChildProcess::watch() {
     }
     if (isReaped && errOpen && now >= lingerUntil) finishStderr();
   }
+  {
+    std::lock_guard lock(gReapMutex);
+    finished_ = true;
+  }
+  gReapChanged.notify_all();
 }

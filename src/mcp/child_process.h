@@ -84,6 +84,9 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   // Blocks until the child itself ended (it may be kept unreaped while other
   // members of its group live on) or the time ran out; true if it ended.
   bool waitUntilExited(double seconds);
+  // Blocks until the watcher is done: the child reaped and everything it
+  // wrote to standard error handed to the sink. True if done in time.
+  bool waitUntilFinished(double seconds);
   bool reaped() const;
   // Exit status as waitpid reports it; meaningful once reaped.
   int waitStatus() const;
@@ -114,5 +117,6 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
 
   bool exited_ = false;
   bool reaped_ = false;
+  bool finished_ = false;
   int status_ = 0;
 };

@@ -32,7 +32,8 @@ class ClientMcp {
   // Stops every server and starts the configured ones.
   static void loadConfig();
   // Stops every server and waits (2.5 s at most) until each one's process
-  // group is gone, so no server outlives the app.
+  // group is gone and its standard error logged, so no server outlives the
+  // app and its last words are kept.
   static void shutdown();
   // Reloads on changes in the settings directory; only the first call acts.
   static void watchConfigFile();

@@ -100,11 +100,21 @@ std::shared_ptr<ChildProcess> McpTask::child() const {
   return _task;
 }
 
+std::string McpTask::standardError() const {
+  std::lock_guard lock(_lock);
+  return _standardError;
+}
+
 void McpTask::start() {
   if (child()) return;
+  auto fail = [this](const std::string& reason) {
+    _launchFailure = reason;
+    logLine("[MCP " + _name + "] " + reason);
+  };
+  _launchFailure.clear();
   auto resolved = resolveExecutable(_command);
   if (!resolved) {
-    logLine("[MCP " + _name + "] command not found: " + _command);
+    fail("command not found: " + _command);
     return;
   }
 
@@ -142,6 +152,10 @@ void McpTask::start() {
   }
   for (const auto& [key, value] : env) request.environment.push_back(key + "=" + value);
 
+  {
+    std::lock_guard lock(_lock);
+    _standardError.clear();
+  }
   std::string name = _name;
   std::string error;
   auto child = ChildProcess::spawn(
@@ -149,10 +163,17 @@ void McpTask::start() {
       // Logged from the watcher thread (the log hops to the main thread for
       // the panel itself): at quit the main loop no longer runs, and what a
       // server said on its way out must still reach the system log.
-      [name](std::string text) { logLine("[MCP " + name + "] stderr: " + validUtf8(text)); },
+      [name, weak = weak_from_this()](std::string text) {
+        std::string said = validUtf8(text);
+        logLine("[MCP " + name + "] stderr: " + said);
+        if (auto self = weak.lock()) {
+          std::lock_guard lock(self->_lock);
+          self->_standardError = std::move(said);
+        }
+      },
       &error);
   if (!child) {
-    logLine("[MCP " + _name + "] launch failed: " + error);
+    fail("launch failed: " + error);
     return;
   }
 
@@ -174,7 +195,7 @@ void McpTask::start() {
     std::thread(&McpTask::readLoop, weak_from_this(), out, child).detach();
   } catch (...) {
     ::close(out);
-    logLine("[MCP " + _name + "] launch failed: no thread for its output");
+    fail("launch failed: no thread for its output");
     stop();
     return;
   }

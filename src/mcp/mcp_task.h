@@ -78,6 +78,12 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
 
   bool isRunning() const;
   std::shared_ptr<ChildProcess> child() const;
+  // Why the last start() left the server without a child ("command not
+  // found: …", "launch failed: …"); empty when it launched.
+  const std::string& launchFailure() const { return _launchFailure; }
+  // What the child wrote to standard error, complete once its watcher has
+  // finished (ChildProcess::waitUntilFinished).
+  std::string standardError() const;
 
   // ---- JSON-RPC session ----
   static int64_t nextId();
@@ -134,6 +140,8 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   std::atomic<bool> _stopped{false};    // set on main, read by the reader
   bool _died = false;                   // guarded by _lock
   std::optional<Json> _tools;           // main thread
+  std::string _launchFailure;           // main thread
+  std::string _standardError;           // guarded by _lock
   std::string _name;
 
   Timeouts _timeouts;

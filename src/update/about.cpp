@@ -2,6 +2,7 @@
 
 #include "base/server_address.h"
 #include "base/settings.h"
+#include "build_config.h"
 #include "update/manifest.h"
 #include "update/update_host.h"
 #include "update/update_signature.h"
@@ -12,6 +13,7 @@ namespace {
 constexpr const char* kTagline = "Your AI workspace, at home on your desktop.";
 
 std::string updateSource() {
+  if (ondrel::build::kPackaged) return "the system's package manager";
   if (!ondrelUpdatesEnabled()) return "disabled";
   auto url = ondrelUpdateManifestURL();
   if (!url || url->empty()) return "disabled";
@@ -30,6 +32,7 @@ std::string ondrelAboutText(const std::string& version, const std::string& build
 }
 
 void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
-  updateHost().showAbout(
-      ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, ondrelUpdatesAreSigned()));
+  // A packaged copy installs no archives of its own: nothing to check.
+  bool checked = ondrel::build::kPackaged || ondrelUpdatesAreSigned();
+  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, checked));
 }

@@ -1,7 +1,8 @@
-"""Local MCP servers through the real window and bridge, against the reference
-servers from npm (pinned in mcp/package-lock.json): listing under namespaced
-names, calls with text, images and structured content, restarts on save, and
-no server left behind when the app ends."""
+"""Local MCP servers through the real window and bridge, and through
+`ondrel mcp` in a terminal, against the reference servers from npm (pinned in
+mcp/package-lock.json): listing under namespaced names, calls with text,
+images and structured content, restarts on save, servers that fail to start,
+and no server left behind when the app ends."""
 
 from __future__ import annotations
 
@@ -9,6 +10,7 @@ import collections
 import itertools
 import json
 import os
+import re
 import signal
 import subprocess
 import threading
@@ -16,7 +18,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import descendants, poll
+from harness import BINARY, descendants, poll
 
 MCP_DIR = Path(__file__).resolve().parent / "mcp"
 EVERYTHING = MCP_DIR / "node_modules/@modelcontextprotocol/server-everything/dist/index.js"
@@ -246,3 +248,56 @@ def test_a_crashed_app_takes_its_servers_along(launch, web, tmp_path):
     app.wait_exit(15)
     poll(lambda: not any(alive(pid) for pid in pids), 10,
          message=lambda: f"still running after the crash: {[pids[p] for p in pids if alive(p)]}")
+
+
+def cwd(pid: str) -> str | None:
+    try:
+        return os.readlink(f"/proc/{pid}/cwd")
+    except OSError:
+        return None
+
+
+def test_the_servers_are_listed_and_called_from_a_terminal(tmp_path):
+    allowed = tmp_path / "shared"
+    allowed.mkdir()
+    (allowed / "hello.txt").write_text("Hello from the filesystem server\n")
+    home = tmp_path / "home"
+    config = config_for(allowed)
+    config["mcpServers"]["broken"] = {"command": "node", "args": [
+        "-e", "console.error('starting'); console.error('Error: API_KEY is not set'); process.exit(3)"]}
+    config["mcpServers"]["missing"] = {"command": "ondrel-no-such-mcp-server"}
+    (home / ".config/ondrel").mkdir(parents=True)
+    (home / ".config/ondrel/config.json").write_text(json.dumps(config))
+
+    def ondrel_mcp(*args):
+        # No DISPLAY, no WAYLAND_DISPLAY: a terminal over SSH will do.
+        done = subprocess.run([BINARY, "mcp", *args], env={"PATH": os.environ["PATH"], "HOME": str(home)},
+                              capture_output=True, text=True, timeout=180)
+        # Every server ran in HOME; none may outlive the command.
+        left = [pid for pid in os.listdir("/proc") if pid.isdigit() and alive(int(pid)) and cwd(pid) == str(home)]
+        assert not left, f"still running after 'ondrel mcp {' '.join(args)}': {left}"
+        return done.returncode, done.stdout, done.stderr
+
+    status, out, err = ondrel_mcp("list")
+    assert (status, err) == (1, ""), (out, err)
+    assert re.search(r'^verything \("Everything"\): running, \d+ tools\n(  .*\n)*  echo — Echoes back the input string\n',
+                     out, re.M), out
+    assert re.search(r"^fs: running, \d+ tools\n(  .*\n)*  read_text_file — ", out, re.M), out
+    assert ("broken: not running: MCP server 'broken' exited unexpectedly (exit status 3)\n"
+            "  stderr: starting\n  stderr: Error: API_KEY is not set\n"
+            "missing: not running: command not found: ondrel-no-such-mcp-server\n") in out, out
+
+    hello = json.dumps({"path": str(allowed / "hello.txt")})
+    calls = [
+        (["verything", "echo", '{"message": "hi there"}'], 0, r"Echo: hi there\n", ""),
+        (["verything", "get-tiny-image"], 0,
+         r"Here's the image you requested:\nThe image above is the MCP logo.\n\[image: image/png, \d+ bytes\]\n", ""),
+        (["fs", "read_text_file", hello], 0, r"Hello from the filesystem server\n", ""),
+        (["fs", "read_text_file", '{"path": "/etc/hostname"}'], 1, r".*outside allowed directories.*\n", ""),
+        (["broken", "echo"], 1, "", r"broken: not running: .* \(exit status 3\)\n.*  stderr: Error: API_KEY is not set\n"),
+        (["nope", "echo"], 1, "", r"ondrel mcp: unknown MCP server 'nope'\nConfigured servers: verything, fs, broken, missing\n"),
+    ]
+    for args, want_status, want_out, want_err in calls:
+        status, out, err = ondrel_mcp("call", *args)
+        assert status == want_status and re.fullmatch(want_out, out, re.S) and re.fullmatch(want_err, err, re.S), \
+            (args, status, out, err)
