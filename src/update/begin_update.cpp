@@ -33,19 +33,16 @@ void relayProgress(const std::shared_ptr<ProgressRelay>& relay, double value) {
 }
 
 void downloadFinished(const std::string& dest, const ArchiveTrust& trust, const std::optional<std::string>& error) {
-  UpdateHost& host = updateHost();
   if (error) {
     std::string reason = error->empty() ? std::string("unknown error") : *error;
     logLine("[Update] download failed: " + reason);
-    host.hideProgress();
-    host.showFailure("Could not download the update:\n" + reason + "\n\nYour current version is unchanged.");
-    if (gUpdateIsDeferred) host.stopEventLoop();
+    ondrelFailUpdate("Could not download the update:\n" + reason + "\n\nYour current version is unchanged.");
     return;
   }
   struct stat info {};
   long long size = stat(dest.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : 0;
   logLine("[Update] downloaded " + dest + " (" + std::to_string(size) + " bytes)");
-  std::string executable = host.runningExecutable();
+  std::string executable = updateHost().runningExecutable();
   std::thread([dest, executable, trust] { ondrelInstallUpdate(dest, executable, trust); }).detach();
 }
 

@@ -32,6 +32,11 @@ std::string ondrelNoBundleText(int unpackStatus) {
          "). Your current version is unchanged. See the log panel (View → Show Log) for details.";
 }
 
+std::string ondrelUnstartableBundleText(const std::string& defect) {
+  return "The downloaded Ondrel.AppDir could not be started: " + defect +
+         ". It was deleted without being installed. Your current version is unchanged.";
+}
+
 InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
                                  const ArchiveTrust& trust) {
   InstallPlan plan;
@@ -70,6 +75,14 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
     return plan;
   }
   logLine("[Update] extracted bundle at " + *bundle);
+  if (std::string defect = ondrelBundleDefect(*bundle); !defect.empty()) {
+    logLine("[Update] refused bundle " + *bundle + ": " + defect);
+    // Swapped in, it would leave no app that starts; nothing of it stays.
+    std::filesystem::remove_all(stage, ec);
+    std::remove(archivePath.c_str());
+    plan.failure = ondrelUnstartableBundleText(defect);
+    return plan;
+  }
 
   auto running = ondrelBundleOfExecutable(runningExecutable);
   if (!running) {
@@ -86,13 +99,11 @@ void ondrelInstallUpdate(const std::string& archivePath, const std::string& runn
                          const ArchiveTrust& trust) {
   InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable, trust);
   runOnMain([plan] {
-    UpdateHost& host = updateHost();
     if (!plan.failure.empty()) {
-      host.hideProgress();
-      host.showFailure(plan.failure);
-      if (gUpdateIsDeferred) host.stopEventLoop();
+      ondrelFailUpdate(plan.failure);
       return;
     }
+    UpdateHost& host = updateHost();
     host.launchSwapScript(plan.scriptPath);
     logLine("[Update] swap started; relaunching " + plan.runningBundle);
     host.hideProgress();

@@ -12,7 +12,7 @@ struct InstallPlan {
 };
 
 // The file work of an install: zip test, signature check (when trust holds
-// a key), staging, unpacking, bundle search, the swap script. Logs as it
+// a key), staging, unpacking, bundle search and check, the swap script. Logs as it
 // goes. Any thread but the main one: it may fetch the signature.
 InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
                                  const ArchiveTrust& trust);
@@ -26,4 +26,5 @@ void ondrelInstallUpdate(const std::string& archivePath, const std::string& runn
 // Texts of the install step's failure alerts.
 std::string ondrelNotAZipText(unsigned long long length);
 std::string ondrelNoBundleText(int unpackStatus);
+std::string ondrelUnstartableBundleText(const std::string& defect);
 extern const char* const kNotInstalledText;

@@ -8,6 +8,7 @@
 #include "update/begin_update.h"
 #include "update/http_get.h"
 #include "update/pending_update.h"
+#include "update/update_transfer.h"
 #include "update/update_host.h"
 #include "update/update_paths.h"
 #include "update/update_signature.h"
@@ -21,6 +22,10 @@ void ondrelCheckForUpdates() {
   auto url = ondrelUpdateManifestURL();
   if (!url) {
     logLine("[Update] no update URL configured — skipping check");
+    return;
+  }
+  if (auto refusal = ondrelUpdateURLRefusal(*url)) {
+    logLine("[Update] " + *refusal + " — skipping check");
     return;
   }
   logLine("[Update] checking " + *url);
@@ -37,16 +42,18 @@ void ondrelCheckForUpdates() {
 }
 
 void ondrelOfferUpdate(const UpdateOffer& offer) {
-  switch (updateHost().askToUpdate(offer.remote, offer.current)) {
-    case UpdateHost::Choice::UpdateNow:
-      ondrelBeginUpdate(offer.remote, offer.zipUrl);
-      break;
-    case UpdateHost::Choice::NextRestart:
-      ondrelWritePendingUpdate(ondrelPendingUpdatePath(), offer.remote, offer.zipUrl);
-      logLine("[Update] scheduled version " + offer.remote + " for next restart");
-      break;
-    case UpdateHost::Choice::Later:
-      logLine("[Update] deferred by user");
-      break;
-  }
+  updateHost().askToUpdate(offer.remote, offer.current, [offer](UpdateHost::Choice choice) {
+    switch (choice) {
+      case UpdateHost::Choice::UpdateNow:
+        ondrelBeginUpdate(offer.remote, offer.zipUrl);
+        break;
+      case UpdateHost::Choice::NextRestart:
+        ondrelWritePendingUpdate(ondrelPendingUpdatePath(), offer.remote, offer.zipUrl);
+        logLine("[Update] scheduled version " + offer.remote + " for next restart");
+        break;
+      case UpdateHost::Choice::Later:
+        logLine("[Update] deferred by user");
+        break;
+    }
+  });
 }

@@ -18,6 +18,7 @@ from pathlib import Path
 import pytest
 
 import harness
+from bridge_client import BridgeClient
 from harness import App, XWindow, poll
 from releases import (Release, Served, SigningKey, UpdateServer, appdir_entries, kill_tree, make_key, make_release,
                       processes_running, sign, symlink_info, write_zip)
@@ -291,6 +292,11 @@ def refused_archive(kind: str, rig: Rig, releases, keys) -> tuple[Path, str, str
         sign(archive, key, "version:3.0")
         return (archive, "3.0", "[Update] unpack exited 1",
                 "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)")
+    if kind == "no_apprun":
+        archive = write_zip(rig.served / "noapprun.zip",
+                            [(info, data) for info, data in appdir_entries(new) if info.filename != "Ondrel.AppDir/AppRun"])
+        sign(archive, key, "version:3.0")
+        return archive, "3.0", "[Update] refused bundle ", "could not be started: it has no AppRun"
     if kind == "no_bundle":
         archive = write_zip(rig.served / "nobundle.zip",
                             [("README.txt", b"release notes"), ("Ondrel/usr/lib/x.so", b"\x7fELF")])
@@ -324,7 +330,7 @@ def refused_archive(kind: str, rig: Rig, releases, keys) -> tuple[Path, str, str
 
 
 @pytest.mark.parametrize("kind", ["tampered", "other_key", "replayed_old_release", "no_signature",
-                                  "dotdot", "absolute", "symlink", "no_bundle"])
+                                  "dotdot", "absolute", "symlink", "no_bundle", "no_apprun"])
 def test_refused_archive_leaves_the_installed_app_as_it_was(rig, server, releases, keys, kind):
     old, new = releases
     archive, version, why, words = refused_archive(kind, rig, releases, keys)
@@ -339,6 +345,7 @@ def test_refused_archive_leaves_the_installed_app_as_it_was(rig, server, release
     updates = rig.data / "updates"
     if why.startswith("[Update] signature check failed"):
         assert "The update could not be verified" in text, text
+    if why.startswith(("[Update] signature check failed", "[Update] refused bundle")):
         assert not (updates / archive.name).exists(), "the download is deleted"
         assert not (updates / "stage").exists(), "nothing is unpacked"
     assert list(rig.outside.iterdir()) == []
@@ -348,6 +355,22 @@ def test_refused_archive_leaves_the_installed_app_as_it_was(rig, server, release
     app.main_window()  # the old version goes on
     assert rig.executable.read_bytes() == old.binary
     assert sorted(p.name for p in rig.appdir.parent.iterdir()) == ["Ondrel.AppDir"]
+
+
+def test_the_page_is_answered_while_the_update_alert_is_open(launch, web, server):
+    """The alert waits for its answer in the main loop: replies that reach the
+    page through the main thread (here the MCP server list's) still arrive."""
+    server.files["/rel/latest.txt"] = Served(b"99.0\nOndrel-99.0-x86_64.zip\n")
+    bridge = BridgeClient(web)
+    app = launch(bridge.url, config={"updateUrl": server.url("/rel/latest.txt")})
+    bridge.attach(app).wait_ready()
+    alert = poll(lambda: next(iter(app.screen.toplevels(pid=app.pid, title="Ondrel Update Available")), None), 20,
+                 0.1, "no update alert")
+    assert bridge.call("mcpServers", timeout=10) == (True, [])
+    assert alert.is_viewable()
+    alert.focus()
+    app.screen.key("Escape")
+    app.wait_for_log("[Update] deferred by user")
 
 
 def test_a_swap_that_cannot_move_the_new_app_in_starts_the_old_one_again(rig, server, releases):

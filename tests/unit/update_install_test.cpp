@@ -322,6 +322,42 @@ TEST_F(PrepareInstallTest, ABuildOutsideAnAppDirCannotReplaceItself) {
   EXPECT_FALSE(fs::exists(ondrelSwapScriptPath()));
 }
 
+// A bundle that would not start once swapped in is refused before any
+// swap, and nothing of it stays: no archive, no staging folder, no script.
+TEST_F(PrepareInstallTest, ABundleThatCouldNotStartIsDeletedUnswapped) {
+  const std::string appRun = "Ondrel.AppDir/AppRun", binary = "Ondrel.AppDir/usr/bin/ondrel";
+  struct Case {
+    std::string entry;      // the entry changed ...
+    ZipEntry replacement;   // ... into this; an empty name drops it
+    std::string defect;
+  };
+  for (const Case& c : std::vector<Case>{
+           {appRun, {}, "it has no AppRun"},
+           {appRun, {appRun, ZipEntry::File, "#!/bin/sh\n", 0644}, "its AppRun is not executable"},
+           {appRun, {appRun, ZipEntry::Symlink, "usr/bin/ondrel"}, "its AppRun is not a regular file"},
+           {binary, {"Ondrel.AppDir/usr/bin/other", ZipEntry::File, "x", 0755}, "it has no usr/bin/ondrel"},
+           {binary, {binary, ZipEntry::File, "\x7f" "ELF", 0600}, "its usr/bin/ondrel is not executable"},
+           {binary, {binary, ZipEntry::Symlink, "/bin/sh"}, "its usr/bin/ondrel is not a regular file"},
+       }) {
+    SCOPED_TRACE(c.defect);
+    LogCapture::instance().clear();
+    auto entries = appDirEntries("Ondrel.AppDir");
+    for (auto it = entries.begin(); it != entries.end(); ++it) {
+      if (it->name != c.entry) continue;
+      if (c.replacement.name.empty()) entries.erase(it);
+      else *it = c.replacement;
+      break;
+    }
+    const std::string zip = archive(entries);
+    auto plan = ondrelPrepareInstall(zip, exe_, unsigned_);
+    EXPECT_EQ(plan.failure, ondrelUnstartableBundleText(c.defect));
+    EXPECT_EQ(updateLines().back(), "[Update] refused bundle " + ondrelStageDir() + "/Ondrel.AppDir: " + c.defect);
+    EXPECT_FALSE(fs::exists(ondrelStageDir()));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_FALSE(fs::exists(ondrelSwapScriptPath()));
+  }
+}
+
 TEST_F(PrepareInstallTest, GoodArchiveWritesTheSwapScript) {
   auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), exe_, unsigned_);
   ASSERT_EQ(plan.failure, "");
