@@ -7,10 +7,11 @@
 // Splits a byte stream into lines at 0x0A. Bytes arrive in chunks of any
 // size; a line split over several chunks comes out once, whole. Empty lines
 // are skipped. A line longer than the cap is dropped up to its newline, so a
-// server printing without end cannot exhaust memory.
+// server printing without end cannot exhaust memory; the lines after it
+// come out as usual.
 class LineBuffer {
  public:
-  explicit LineBuffer(size_t maxLine = size_t(256) << 20) : maxLine_(maxLine) {}
+  explicit LineBuffer(size_t maxLine) : maxLine_(maxLine) {}
 
   template <class OnLine>
   void append(const char* data, size_t size, OnLine&& onLine) {
@@ -38,7 +39,17 @@ class LineBuffer {
       buffer_.clear();
       scanned_ = 0;
       discarding_ = true;
+      ++dropped_;
     }
+    // One long line must not keep its memory for the life of the server.
+    if (buffer_.capacity() > kKeepCapacity && buffer_.size() < buffer_.capacity() / 4) buffer_.shrink_to_fit();
+  }
+
+  // Lines dropped for their length since the last call.
+  size_t takeDropped() {
+    size_t n = dropped_;
+    dropped_ = 0;
+    return n;
   }
 
   // The last line when the stream ended without a newline ("" for none).
@@ -52,8 +63,11 @@ class LineBuffer {
   }
 
  private:
+  static constexpr size_t kKeepCapacity = size_t(1) << 20;
+
   std::string buffer_;
   size_t scanned_ = 0;  // bytes of buffer_ known to hold no newline
   size_t maxLine_;
+  size_t dropped_ = 0;
   bool discarding_ = false;
 };
