@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -23,6 +24,10 @@ class LineBuffer {
       data += skip;
       size -= skip;
     }
+    // A long line gets room for the longest one at once: its pages are only
+    // touched as it fills, and nothing of it is copied to a bigger buffer
+    // (which would hold it twice) on the way.
+    if (buffer_.size() + size > std::max(buffer_.capacity(), kKeepCapacity)) buffer_.reserve(maxLine_ + size);
     buffer_.append(data, size);
     size_t start = 0;
     for (;;) {
@@ -35,14 +40,18 @@ class LineBuffer {
     }
     buffer_.erase(0, start);
     scanned_ = buffer_.size();
+    bool released = start > 0;
     if (buffer_.size() > maxLine_) {
       buffer_.clear();
       scanned_ = 0;
       discarding_ = true;
       ++dropped_;
+      released = true;
     }
-    // One long line must not keep its memory for the life of the server.
-    if (buffer_.capacity() > kKeepCapacity && buffer_.size() < buffer_.capacity() / 4) buffer_.shrink_to_fit();
+    // A long line, delivered or dropped, must not keep its memory for the
+    // life of the server.
+    if (released && buffer_.capacity() > kKeepCapacity && buffer_.size() < buffer_.capacity() / 4)
+      buffer_.shrink_to_fit();
   }
 
   // Lines dropped for their length since the last call.

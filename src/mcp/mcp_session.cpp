@@ -99,21 +99,22 @@ void McpTask::sendRequest(const std::string& method, const std::optional<Json>& 
   if (line) writeInOrder(std::move(*line));
 }
 
-void McpTask::settleBacklog(size_t bytes) {
-  std::lock_guard lock(_lock);
-  _backlog -= std::min(bytes, _backlog);
-}
-
 void McpTask::writeInOrder(std::string line) {
   std::shared_ptr<PipeWriter> input;
   size_t waiting;
   {
     std::lock_guard lock(_lock);
     if (_died || !_stdin) return;
-    waiting = _backlog + line.size();
-    if (_backlog == 0 || waiting <= _limits.writeBacklog) {
-      _backlog = waiting;
+    if (!_writing) {
+      _writing = true;
       input = _stdin;
+    } else {
+      // Someone else writes: the line waits its turn in the outbox.
+      waiting = _outbox.size() + line.size();
+      if (_outbox.empty() || waiting <= _limits.writeBacklog) {
+        _outbox += line;
+        return;
+      }
     }
   }
   if (!input) {
@@ -123,46 +124,47 @@ void McpTask::writeInOrder(std::string line) {
     return;
   }
 
-  // On the write thread: the line, or what the pipe did not take of it.
-  auto writeQueued = [weak = weak_from_this(), input, name = _name](const std::string& bytes) {
-    {
-      auto self = weak.lock();
-      if (!self) return;
-      std::unique_lock lock(self->_lock);
-      if (self->_died) {
-        self->_backlog -= std::min(bytes.size(), self->_backlog);
-        return;
-      }
+  // Nothing is being written: do it here and spare the hop to the write
+  // thread, as far as the pipe takes the bytes without waiting.
+  std::string reason;
+  ssize_t written = input->writeSome(line, &reason);
+  if (written < 0) logLine("[MCP " + _name + "] write failed: " + reason);
+  {
+    std::lock_guard lock(_lock);
+    // The rest of this line goes before whatever was queued meanwhile.
+    if (written >= 0 && static_cast<size_t>(written) < line.size())
+      _outbox.insert(0, line, static_cast<size_t>(written));
+    if (_outbox.empty()) {
+      _writing = false;
+      return;
     }
-    // Not holding the server meanwhile: stop() closes the input, which ends
-    // a write that waits for a server that does not read.
-    std::string reason;
-    bool ok = input->writeAll(bytes, &reason);
-    auto self = weak.lock();
-    if (!ok && !(self && self->_stopped)) logLine("[MCP " + name + "] write failed: " + reason);
-    if (self) self->settleBacklog(bytes.size());
-  };
-
-  if (_writeQueue->tryBeginInline()) {
-    // Nothing is waiting to be written: do it here and spare the hop to the
-    // write thread, as far as the pipe takes the bytes without waiting.
-    std::function<void()> rest;
-    try {
-      std::string reason;
-      ssize_t written = input->writeSome(line, &reason);
-      if (written < 0) {
-        logLine("[MCP " + _name + "] write failed: " + reason);
-        written = static_cast<ssize_t>(line.size());
-      } else if (static_cast<size_t>(written) < line.size()) {
-        rest = [writeQueued, tail = line.substr(static_cast<size_t>(written))] { writeQueued(tail); };
-      }
-      settleBacklog(static_cast<size_t>(written));
-    } catch (...) {
-    }
-    _writeQueue->endInline(std::move(rest));
-    return;
   }
-  _writeQueue->async([writeQueued, line = std::move(line)] { writeQueued(line); });
+  // The write thread takes over (and keeps _writing) until the outbox is empty.
+  _writeQueue->async([weak = weak_from_this(), name = _name] {
+    for (;;) {
+      std::string bytes;
+      std::shared_ptr<PipeWriter> input;
+      {
+        auto self = weak.lock();
+        if (!self) return;
+        std::lock_guard lock(self->_lock);
+        if (self->_outbox.empty() || self->_died || !self->_stdin) {
+          self->_outbox.clear();
+          self->_writing = false;
+          return;
+        }
+        bytes.swap(self->_outbox);
+        input = self->_stdin;
+      }
+      // Not holding the server meanwhile: stop() closes the input, which
+      // ends a write that waits for a server that does not read.
+      std::string reason;
+      if (!input->writeAll(bytes, &reason)) {
+        auto self = weak.lock();
+        if (!(self && self->_stopped)) logLine("[MCP " + name + "] write failed: " + reason);
+      }
+    }
+  });
 }
 
 void McpTask::sendMessage(const Json& message) {

@@ -177,7 +177,6 @@ void McpTask::start() {
     _task = child;
     _stdin = child->stdinWriter();
     _died = false;
-    _backlog = 0;
     _stopMessage.clear();
   }
   _ready = false;
@@ -295,6 +294,7 @@ bool McpTask::stop(const std::string& outcome) {
     child = std::move(_task);
     input = std::move(_stdin);
     outstanding.swap(_pending);
+    _outbox.clear();
     _stopMessage = message;
   }
   if (child) child->terminate();

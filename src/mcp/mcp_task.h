@@ -54,10 +54,10 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
 
   // What one server may cost the app; tests lower them.
   struct Limits {
-    // Bytes queued for the server's standard input and not yet taken by the
-    // pipe. A server that stops reading is stopped past this, rather than
-    // holding on to every reply and request for it. One line is always
-    // queued when nothing else waits, however long it is.
+    // Bytes waiting for the server's standard input behind the write in
+    // progress. A server that stops reading is stopped past this, rather
+    // than holding on to every reply and request for it. A line is always
+    // taken when nothing else waits, however long it is.
     size_t writeBacklog = size_t(4) << 20;
     // Longest line read from the server: four images at the 8,000,000
     // characters a result may carry, with room for the rest of the answer.
@@ -136,13 +136,11 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   static void readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
                        std::shared_ptr<ChildProcess> child);
   static Json clientError(const std::string& message);
-  // Queues one line for the server, unless it died. When nothing is queued it
-  // is written at once on the calling thread, as far as the pipe takes it
-  // without waiting; the rest goes to the write queue. Past the backlog
-  // limit the server is stopped instead.
+  // Writes one line to the server in order, unless it died. When nothing is
+  // being written it goes out at once on the calling thread, as far as the
+  // pipe takes it without waiting; otherwise, and for the rest, the write
+  // thread sends it. Past the backlog limit the server is stopped instead.
   void writeInOrder(std::string line);
-  // The line's bytes left the backlog (written, or given up on).
-  void settleBacklog(size_t bytes);
 
   std::string _command;
   std::vector<std::string> _args;
@@ -151,7 +149,8 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   std::shared_ptr<PipeWriter> _stdin;   // guarded by _lock
   std::string _carry;                   // unused: the reader keeps its own buffer
   std::map<int64_t, FinishPtr> _pending;  // guarded by _lock
-  size_t _backlog = 0;                    // guarded by _lock: queued, unwritten bytes
+  std::string _outbox;                    // guarded by _lock: bytes waiting behind the write in progress
+  bool _writing = false;                  // guarded by _lock: a line or the outbox is being written
   std::string _stopMessage;               // guarded by _lock: what requests hear after stop()
   std::unique_ptr<SerialQueue> _writeQueue;
   bool _ready = false;                  // main thread
