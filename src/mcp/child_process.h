@@ -23,8 +23,8 @@ class PipeWriter {
   PipeWriter& operator=(const PipeWriter&) = delete;
 
   // Writes every byte, waiting while the pipe is full. False with the reason
-  // when the pipe was closed on either side (or close() was called). The calling thread must have
-  // SIGPIPE blocked or ignored.
+  // when the pipe was closed on either side, close() included. The calling
+  // thread must have SIGPIPE blocked or ignored.
   bool writeAll(std::string_view bytes, std::string* error);
   // Writes what fits without waiting: the number of bytes written, or -1
   // with the reason when the pipe was closed on either side.

@@ -101,7 +101,7 @@ void McpTask::sendRequest(const std::string& method, const std::optional<Json>& 
 
 void McpTask::writeInOrder(std::string line) {
   std::shared_ptr<PipeWriter> input;
-  size_t waiting;
+  size_t waiting = 0;
   {
     std::lock_guard lock(_lock);
     if (_died || !_stdin) return;
@@ -240,7 +240,7 @@ void McpTask::ensureReady(ReadyHandler completion) {
   // No queue of waiting callers: each caller that finds the handshake
   // missing runs one of its own. The answer comes even when the server has
   // been let go meanwhile: a stopped server answers every request.
-  sendRequest("initialize", params, _timeouts.initialize, [self = shared_from_this(), completion](const Json& response) {
+  auto initialized = [self = shared_from_this(), completion](const Json& response) {
     if (auto error = response.find("error"); error != response.end()) {
       if (completion) completion(false, *error);
       return;
@@ -248,5 +248,6 @@ void McpTask::ensureReady(ReadyHandler completion) {
     self->sendNotification("notifications/initialized", Json::object());
     self->_ready = true;
     if (completion) completion(true, nullptr);
-  });
+  };
+  sendRequest("initialize", params, _timeouts.initialize, std::move(initialized));
 }

@@ -154,7 +154,7 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   std::string _stopMessage;               // guarded by _lock: what requests hear after stop()
   std::unique_ptr<SerialQueue> _writeQueue;
   bool _ready = false;                  // main thread
-  std::atomic<bool> _stopped{false};    // set on main, read by the reader
+  std::atomic<bool> _stopped{false};    // set by stop(), read by the reader and the writer
   bool _died = false;                   // guarded by _lock
   std::optional<Json> _tools;           // main thread
   std::string _name;

@@ -18,7 +18,7 @@ void McpTask::listToolsWithCompletion(ToolsHandler completion) {
       return;
     }
     // Only the first page: no cursor is sent, and one in the answer is ignored.
-    self->sendRequest("tools/list", Json::object(), self->_timeouts.listTools, [self, completion](const Json& response) {
+    auto listed = [self, completion](const Json& response) {
       if (auto error = response.find("error"); error != response.end()) {
         completion(false, nullptr, *error);
         return;
@@ -31,7 +31,8 @@ void McpTask::listToolsWithCompletion(ToolsHandler completion) {
       }
       self->_tools = tools;
       completion(true, tools, nullptr);
-    });
+    };
+    self->sendRequest("tools/list", Json::object(), self->_timeouts.listTools, std::move(listed));
   });
 }
 

@@ -293,7 +293,7 @@ TEST_F(McpRegistry, ReloadOrQuitAnswersCallsAndListingsInFlight) {
     std::optional<Json> called, listed;
     ClientMcp::callTool("busy", "t", {{"script", {{{"sleep", 30}}}}}, [&](Json r) { called = std::move(r); });
     ClientMcp::listServersWithCompletion([&](Json r) { listed = std::move(r); });
-    c.end(config);  // both still in flight, whatever step they are at
+    c.end(config);  // both still in their handshakes
     ASSERT_TRUE(pumpUntil([&] { return called && listed; }, 5)) << c.what;
     EXPECT_EQ(*called, (Json{{"error", std::string("MCP server 'busy' ") + c.outcome}})) << c.what;
     ASSERT_EQ(listed->size(), 2u) << c.what;

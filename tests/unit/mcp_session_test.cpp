@@ -173,8 +173,8 @@ TEST_F(McpSession, ServerThatStopsReadingIsStoppedPastTheBacklog) {
   ASSERT_TRUE(pumpUntil([&] {
     return std::all_of(outcomes.begin(), outcomes.end(), [](auto& o) { return o->done(); });
   }));
-  for (auto& outcome : outcomes)
-    EXPECT_EQ(outcome->responses, (std::vector<Json>{{{"error", {{"message", "MCP server 'deaf' stopped: it does not read its input"}}}}}));
+  Json stopped = {{"message", "MCP server 'deaf' stopped: it does not read its input"}};
+  for (auto& outcome : outcomes) EXPECT_EQ(outcome->responses, (std::vector<Json>{{{"error", stopped}}}));
   EXPECT_EQ(LogCapture::instance().countStartingWith("[MCP deaf] stopped: "), 1u) << "one line says why";
   EXPECT_TRUE(child->waitUntilReaped(5));
 }
@@ -323,7 +323,7 @@ TEST_F(McpSession, EveryServerRequestGetsMethodNotFoundWithItsIdEchoedUnlessTooL
     return replies.size() == cases.size();
   }));
   for (size_t i = 0; i < cases.size(); ++i)
-    EXPECT_EQ(replies[i], (Json{{"jsonrpc", "2.0"}, {"id", cases[i].replyId}, {"error", cases[i].error}})) << "case " << i;
+    EXPECT_EQ(replies[i], (Json{{"jsonrpc", "2.0"}, {"id", cases[i].replyId}, {"error", cases[i].error}})) << i;
 }
 
 TEST_F(McpSession, NotificationsWithAMessageAreLoggedShortened) {
