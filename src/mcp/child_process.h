@@ -13,7 +13,8 @@
 // The write end of a child's standard input (non-blocking underneath).
 // Writers and the closer may be on different threads: the descriptor is
 // closed only once no write is using it, so a late write can never land in a
-// descriptor number that was reused.
+// descriptor number that was reused. Closing ends a write that waits for
+// room at once, even when something else still holds the pipe's read end.
 class PipeWriter {
  public:
   explicit PipeWriter(int fd);
@@ -22,8 +23,8 @@ class PipeWriter {
   PipeWriter& operator=(const PipeWriter&) = delete;
 
   // Writes every byte, waiting while the pipe is full. False with the reason
-  // when the pipe was closed on either side. The calling thread must have
-  // SIGPIPE blocked or ignored.
+  // when the pipe was closed on either side, close() included. The calling
+  // thread must have SIGPIPE blocked or ignored.
   bool writeAll(std::string_view bytes, std::string* error);
   // Writes what fits without waiting: the number of bytes written, or -1
   // with the reason when the pipe was closed on either side.
@@ -36,6 +37,7 @@ class PipeWriter {
 
   std::mutex mutex_;
   int fd_;
+  int closed_;  // eventfd: readable once close() was called
   int users_ = 0;
   bool closeRequested_ = false;
 };

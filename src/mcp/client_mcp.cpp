@@ -66,7 +66,8 @@ std::optional<std::string> ClientMcp::writeConfig(const Json& content) {
 }
 
 void ClientMcp::loadConfig() {
-  for (auto& task : gMcpTasks) task->stop();
+  // What is in flight on the old servers answers at once, with the reason.
+  for (auto& task : gMcpTasks) task->stop("restarted");
   gMcpTasks.clear();
 
   std::string path = ensureConfigFile();

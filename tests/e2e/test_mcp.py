@@ -2,7 +2,8 @@
 `ondrel mcp` in a terminal, against the reference servers from npm (pinned in
 mcp/package-lock.json): listing under namespaced names, calls with text,
 images and structured content, restarts on save, servers that fail to start,
-and no server left behind when the app ends."""
+no server left behind when the app ends, and servers that flood the app
+neither stall nor swell it."""
 
 from __future__ import annotations
 
@@ -14,6 +15,7 @@ import re
 import signal
 import subprocess
 import threading
+import time
 from pathlib import Path
 
 import pytest
@@ -22,6 +24,7 @@ from harness import BINARY, descendants, poll
 
 MCP_DIR = Path(__file__).resolve().parent / "mcp"
 EVERYTHING = MCP_DIR / "node_modules/@modelcontextprotocol/server-everything/dist/index.js"
+FLOOD_SERVER = MCP_DIR / "flood_server.py"
 # The logo server-everything's get-tiny-image returns, as the page must see it.
 TINY_IMAGE_PREFIX = "iVBORw0KGgoAAAANSUhEUgAAABQAAAAUCAYAAACNiR0N"
 
@@ -58,8 +61,9 @@ class Page:
                 return 200, "application/json", json.dumps(self._queue.popleft()).encode()
         return 204, "text/plain", b""
 
-    def call(self, name: str, args=None, timeout: float = 60):
-        """Runs one action; returns (ok, value) and checks that exactly one reply came."""
+    def call(self, name: str, args=None, timeout: float = 60, check_single: bool = True):
+        """Runs one action; returns (ok, value) and checks that exactly one reply came.
+        The milliseconds from posting to reply, as the page saw them, are kept in last_ms."""
         req_id = f"req-{next(self._ids)}"
         mark = self.web.mark()
         command = {"reqId": req_id, "name": name}
@@ -68,8 +72,10 @@ class Page:
         with self._lock:
             self._queue.append(command)
         report = self.web.wait_for_report("reply", timeout, since=mark, where=lambda d: d.get("reqId") == req_id)
-        assert self.web.no_report("reply", 0.2, since=report.index + 1, where=lambda d: d.get("reqId") == req_id), \
-            f"{name} was answered twice"
+        if check_single:
+            assert self.web.no_report("reply", 0.2, since=report.index + 1,
+                                      where=lambda d: d.get("reqId") == req_id), f"{name} was answered twice"
+        self.last_ms = report.data["ms"]
         return bool(report.data["ok"]), report.data["value"]
 
 
@@ -301,3 +307,51 @@ def test_the_servers_are_listed_and_called_from_a_terminal(tmp_path):
         status, out, err = ondrel_mcp("call", *args)
         assert status == want_status and re.fullmatch(want_out, out, re.S) and re.fullmatch(want_err, err, re.S), \
             (args, status, out, err)
+
+
+def memory_kib(pid: int) -> dict[str, int]:
+    """The app's own resident set (now and at its peak) and proportional set size."""
+    found = {}
+    for name, key in (("status", "VmRSS"), ("status", "VmHWM"), ("smaps_rollup", "Pss")):
+        for line in Path(f"/proc/{pid}/{name}").read_text().splitlines():
+            if line.startswith(key + ":"):
+                found[key] = int(line.split()[1])
+    return found
+
+
+@pytest.mark.parametrize("mode, evidence, answer", [
+    ("notify", "more notification(s) not logged: too many at once", {"text": '{"n": 1}'}),
+    ("long-lines", "skipped 1 output line(s) longer than 33554432 bytes", {"text": '{"n": 1}'}),
+    ("deaf", "bytes waiting to be written — the server does not read its input",
+     {"error": "MCP server 'flood' stopped: it does not read its input"}),
+])
+def test_a_flooding_server_neither_stalls_nor_swells_the_app(launch, web, tmp_path, mode, evidence, answer):
+    go = tmp_path / "go"
+    config = {"mcpServers": {"flood": {"command": "/usr/bin/python3", "args": [str(FLOOD_SERVER), mode, str(go)]}}}
+    app, page, _ = start(launch, web, tmp_path, config=config)
+    app.wait_for_log("[MCP flood] started ")
+    before = memory_kib(app.pid)
+
+    for _ in range(5):  # a fresh page's first replies are slow with or without a flood
+        page.call("mcpReadConfig", check_single=False)
+    mark = app.log_mark()
+    go.touch()
+    trips, samples = [], []
+    until = time.monotonic() + 4
+    while time.monotonic() < until:
+        ok, _ = page.call("mcpReadConfig", check_single=False)
+        assert ok
+        trips.append(page.last_ms)
+        samples.append(memory_kib(app.pid))
+    app.wait_for_log(evidence, since=mark)
+    ok, result = page.call("mcpCall", ["flood", "echo", {"n": 1}])
+    assert (ok, result) == (True, answer), "the session goes on after the flood, or the server was stopped"
+
+    trips.sort()
+    peak_rss = max(s["VmRSS"] for s in samples)
+    peak_pss = max(s["Pss"] for s in samples)
+    print(f"\n{mode}: {len(trips)} round trips, median {trips[len(trips) // 2]:.1f} ms, max {trips[-1]:.1f} ms; "
+          f"RSS {before['VmRSS'] // 1024} MiB before, {peak_rss // 1024} MiB at most during; "
+          f"PSS {before['Pss'] // 1024} -> {peak_pss // 1024} MiB; peak RSS ever {samples[-1]['VmHWM'] // 1024} MiB")
+    assert trips[-1] < 100, f"the main loop stalled: {trips[-5:]} ms"
+    assert peak_rss - before["VmRSS"] < 128 * 1024, "memory grew with the flood"
