@@ -12,8 +12,8 @@ struct InstallPlan {
 };
 
 // The file work of an install: zip test, signature check (when trust holds
-// a key), staging, unpacking, bundle search and check, the swap script. Logs as it
-// goes. Any thread but the main one: it may fetch the signature.
+// a key), staging, unpacking, bundle search and check, the swap script.
+// Logs as it goes. Any thread but the main one: it may fetch the signature.
 InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
                                  const ArchiveTrust& trust);
 

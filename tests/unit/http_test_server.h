@@ -2,8 +2,8 @@
 
 // A one-thread HTTP/1.1 server on 127.0.0.1 for tests: each path answers
 // with a fixed status and body, with or without a Content-Length, and
-// optionally a Location. It keeps
-// the request heads so tests can check what was sent.
+// optionally a Location. It keeps the request heads so tests can check
+// what was sent.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
