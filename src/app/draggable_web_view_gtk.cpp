@@ -2,6 +2,10 @@
 
 #include <optional>
 
+#ifdef GDK_WINDOWING_WAYLAND
+#include <gdk/gdkwayland.h>
+#endif
+
 #include "base/paths.h"
 
 namespace {
@@ -57,6 +61,16 @@ const char* cursorNameFor(GdkWindowEdge edge) {
     case GDK_WINDOW_EDGE_WEST: return "w-resize";
     default: return "e-resize";
   }
+}
+
+// On Wayland a client cannot place its windows: the compositor maximises and
+// restores, each in its own way. Elsewhere (X11) the window is set to the
+// monitor's work area and back to exactly the frame it had.
+bool compositorPlacesWindows(GdkDisplay* display) {
+#ifdef GDK_WINDOWING_WAYLAND
+  if (GDK_IS_WAYLAND_DISPLAY(display)) return true;
+#endif
+  return false;
 }
 
 bool windowIsFilling(GtkWindow* window) {
@@ -204,6 +218,14 @@ void DraggableWebView::toggleMaximizeWindow() {
   if (!win) return;
   GdkWindow* gdk = gtk_widget_get_window(GTK_WIDGET(win));
   if (!gdk) return;
+  if (compositorPlacesWindows(gdk_window_get_display(gdk))) {
+    if (gdk_window_get_state(gdk) & GDK_WINDOW_STATE_MAXIMIZED) {
+      gtk_window_unmaximize(win);
+    } else {
+      gtk_window_maximize(win);
+    }
+    return;
+  }
   GdkMonitor* monitor = gdk_display_get_monitor_at_window(gdk_window_get_display(gdk), gdk);
   if (!monitor) monitor = gdk_display_get_primary_monitor(gdk_window_get_display(gdk));
   if (!monitor) return;

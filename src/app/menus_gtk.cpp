@@ -7,6 +7,7 @@
 #include "app/main_window_gtk.h"
 #include "app/server_selection.h"
 #include "app/ui_globals_gtk.h"
+#include "build_config.h"
 #include "update/about.h"
 #include "update/update_check.h"
 
@@ -92,8 +93,10 @@ GtkWidget* createMenuBar() {
   GtkWidget* app = submenu(bar, "Ondrel");
   item(app, "About Ondrel", 0, GdkModifierType(0), [] { ondrelShowAbout(ondrelServerURL()); });
   separator(app);
-  item(app, "Check for Updates…", 0, GdkModifierType(0), ondrelCheckForUpdates);
-  separator(app);
+  if (!ondrel::build::kPackaged) {  // the package manager updates a packaged copy
+    item(app, "Check for Updates…", 0, GdkModifierType(0), ondrelCheckForUpdates);
+    separator(app);
+  }
   item(app, "Quit", GDK_KEY_q, GDK_CONTROL_MASK, ondrelQuit);
 
   GtkWidget* edit = submenu(bar, "Edit");

@@ -92,10 +92,14 @@ std::string ondrelServerHostOf(const Json& value) {
   return lower(ondrelRawHostOf(value.get<std::string>()));
 }
 
+bool ondrelIsLoopbackHost(const std::string& host) {
+  return host == "localhost" || host == "127.0.0.1" || host == "::1";
+}
+
 bool ondrelIsAllowedServerURL(const std::string& url) {
   std::string host = ondrelServerHostOf(url);
   if (host.empty()) return false;
-  if (host == "localhost" || host == "127.0.0.1" || host == "::1") return true;
+  if (ondrelIsLoopbackHost(host)) return true;
   // Plain http is for development servers on this machine only: anywhere
   // else, whoever sits on the network between would get the bridge.
   if (ondrelSchemeOf(url) != "https") return false;

@@ -18,6 +18,10 @@ std::optional<std::string> ondrelNormalizeServer(const Json& value);
 // The service domain or a host under it over https, or the local machine.
 bool ondrelIsAllowedServerURL(const std::string& url);
 
+// A lower-cased host (IPv6 without brackets) that names this machine:
+// "localhost", "127.0.0.1" or "::1".
+bool ondrelIsLoopbackHost(const std::string& host);
+
 // The lower-cased host, or "" when there is none.
 std::string ondrelServerHostOf(const Json& value);
 

@@ -108,7 +108,7 @@ std::string describeErrno(const std::string& path, int err) { return path + ": "
 
 // ---- PipeWriter ----
 
-PipeWriter::PipeWriter(int fd) : fd_(fd) {
+PipeWriter::PipeWriter(int fd) : fd_(fd), closed_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   // Non-blocking, so the main thread can write what fits without ever
   // waiting on a server that stopped reading; writeAll waits in poll.
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -116,6 +116,7 @@ PipeWriter::PipeWriter(int fd) : fd_(fd) {
 
 PipeWriter::~PipeWriter() {
   if (fd_ >= 0) ::close(fd_);
+  if (closed_ >= 0) ::close(closed_);
 }
 
 int PipeWriter::acquire(std::string* error) {
@@ -170,9 +171,15 @@ bool PipeWriter::writeAll(std::string_view bytes, std::string* error) {
       done += static_cast<size_t>(n);
     } else if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
       if (errno == EAGAIN) {
-        // Full: wait until the server reads (or is gone, which poll reports).
-        pollfd p{fd, POLLOUT, 0};
-        while (poll(&p, 1, -1) < 0 && errno == EINTR) {
+        // Full: wait until the server reads, is gone (which poll reports) or
+        // is let go.
+        pollfd p[2] = {{fd, POLLOUT, 0}, {closed_, POLLIN, 0}};
+        while (poll(p, closed_ >= 0 ? 2 : 1, -1) < 0 && errno == EINTR) {
+        }
+        if (p[1].revents) {
+          if (error) *error = "standard input is closed";
+          ok = false;
+          break;
         }
       }
     } else {
@@ -188,6 +195,10 @@ bool PipeWriter::writeAll(std::string_view bytes, std::string* error) {
 void PipeWriter::close() {
   std::lock_guard lock(mutex_);
   closeRequested_ = true;
+  uint64_t one = 1;
+  if (closed_ >= 0 && write(closed_, &one, sizeof one) < 0) {
+    // Already signalled; the count only grows.
+  }
   if (users_ == 0 && fd_ >= 0) {
     ::close(fd_);
     fd_ = -1;
@@ -341,6 +352,11 @@ bool ChildProcess::waitUntilExited(double seconds) {
   return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return exited_; });
 }
 
+bool ChildProcess::waitUntilFinished(double seconds) {
+  std::unique_lock lock(gReapMutex);
+  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return finished_; });
+}
+
 int ChildProcess::liveChildren() {
   std::lock_guard lock(gReapMutex);
   return gLiveChildren;
@@ -490,4 +506,9 @@ void ChildProcess::watch() {
     }
     if (isReaped && errOpen && now >= lingerUntil) finishStderr();
   }
+  {
+    std::lock_guard lock(gReapMutex);
+    finished_ = true;
+  }
+  gReapChanged.notify_all();
 }

@@ -13,7 +13,8 @@
 // The write end of a child's standard input (non-blocking underneath).
 // Writers and the closer may be on different threads: the descriptor is
 // closed only once no write is using it, so a late write can never land in a
-// descriptor number that was reused.
+// descriptor number that was reused. Closing ends a write that waits for
+// room at once, even when something else still holds the pipe's read end.
 class PipeWriter {
  public:
   explicit PipeWriter(int fd);
@@ -22,8 +23,8 @@ class PipeWriter {
   PipeWriter& operator=(const PipeWriter&) = delete;
 
   // Writes every byte, waiting while the pipe is full. False with the reason
-  // when the pipe was closed on either side. The calling thread must have
-  // SIGPIPE blocked or ignored.
+  // when the pipe was closed on either side, close() included. The calling
+  // thread must have SIGPIPE blocked or ignored.
   bool writeAll(std::string_view bytes, std::string* error);
   // Writes what fits without waiting: the number of bytes written, or -1
   // with the reason when the pipe was closed on either side.
@@ -36,6 +37,7 @@ class PipeWriter {
 
   std::mutex mutex_;
   int fd_;
+  int closed_;  // eventfd: readable once close() was called
   int users_ = 0;
   bool closeRequested_ = false;
 };
@@ -84,6 +86,9 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   // Blocks until the child itself ended (it may be kept unreaped while other
   // members of its group live on) or the time ran out; true if it ended.
   bool waitUntilExited(double seconds);
+  // Blocks until the watcher is done: the child reaped and everything it
+  // wrote to standard error handed to the sink. True if done in time.
+  bool waitUntilFinished(double seconds);
   bool reaped() const;
   // Exit status as waitpid reports it; meaningful once reaped.
   int waitStatus() const;
@@ -114,5 +119,6 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
 
   bool exited_ = false;
   bool reaped_ = false;
+  bool finished_ = false;
   int status_ = 0;
 };

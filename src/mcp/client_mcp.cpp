@@ -66,7 +66,8 @@ std::optional<std::string> ClientMcp::writeConfig(const Json& content) {
 }
 
 void ClientMcp::loadConfig() {
-  for (auto& task : gMcpTasks) task->stop();
+  // What is in flight on the old servers answers at once, with the reason.
+  for (auto& task : gMcpTasks) task->stop("restarted");
   gMcpTasks.clear();
 
   std::string path = ensureConfigFile();
@@ -110,11 +111,11 @@ void ClientMcp::shutdown() {
     task->stop();
   }
   // Past SIGKILL's 2 s nothing of the group can be left; a little slack for
-  // the watcher to see it.
+  // the watcher to see it and to log what the server said on its way out.
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
   for (auto& child : children) {
     double left = std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
-    if (left <= 0 || !child->waitUntilReaped(left)) break;
+    if (left <= 0 || !child->waitUntilFinished(left)) break;
   }
 }
 

@@ -29,10 +29,13 @@ class ClientMcp {
   static Json readConfig();
   // nullopt when saved (and the servers restarted), else the reason.
   static std::optional<std::string> writeConfig(const Json& content);
-  // Stops every server and starts the configured ones.
+  // Stops every server and starts the configured ones. Calls and listings
+  // in flight on the old servers answer "MCP server '<name>' restarted".
   static void loadConfig();
   // Stops every server and waits (2.5 s at most) until each one's process
-  // group is gone, so no server outlives the app.
+  // group is gone and its standard error logged, so no server outlives the
+  // app and its last words are kept. What was in flight answers
+  // "MCP server '<name>' stopped".
   static void shutdown();
   // Reloads on changes in the settings directory; only the first call acts.
   static void watchConfigFile();

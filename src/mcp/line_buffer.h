@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -7,10 +8,11 @@
 // Splits a byte stream into lines at 0x0A. Bytes arrive in chunks of any
 // size; a line split over several chunks comes out once, whole. Empty lines
 // are skipped. A line longer than the cap is dropped up to its newline, so a
-// server printing without end cannot exhaust memory.
+// server printing without end cannot exhaust memory; the lines after it
+// come out as usual.
 class LineBuffer {
  public:
-  explicit LineBuffer(size_t maxLine = size_t(256) << 20) : maxLine_(maxLine) {}
+  explicit LineBuffer(size_t maxLine) : maxLine_(maxLine) {}
 
   template <class OnLine>
   void append(const char* data, size_t size, OnLine&& onLine) {
@@ -22,6 +24,10 @@ class LineBuffer {
       data += skip;
       size -= skip;
     }
+    // A long line gets room for the longest one at once: its pages are only
+    // touched as it fills, and nothing of it is copied to a bigger buffer
+    // (which would hold it twice) on the way.
+    if (buffer_.size() + size > std::max(buffer_.capacity(), kKeepCapacity)) buffer_.reserve(maxLine_ + size);
     buffer_.append(data, size);
     size_t start = 0;
     for (;;) {
@@ -34,11 +40,25 @@ class LineBuffer {
     }
     buffer_.erase(0, start);
     scanned_ = buffer_.size();
+    bool released = start > 0;
     if (buffer_.size() > maxLine_) {
       buffer_.clear();
       scanned_ = 0;
       discarding_ = true;
+      ++dropped_;
+      released = true;
     }
+    // A long line, delivered or dropped, must not keep its memory for the
+    // life of the server.
+    if (released && buffer_.capacity() > kKeepCapacity && buffer_.size() < buffer_.capacity() / 4)
+      buffer_.shrink_to_fit();
+  }
+
+  // Lines dropped for their length since the last call.
+  size_t takeDropped() {
+    size_t n = dropped_;
+    dropped_ = 0;
+    return n;
   }
 
   // The last line when the stream ended without a newline ("" for none).
@@ -52,8 +72,11 @@ class LineBuffer {
   }
 
  private:
+  static constexpr size_t kKeepCapacity = size_t(1) << 20;
+
   std::string buffer_;
   size_t scanned_ = 0;  // bytes of buffer_ known to hold no newline
   size_t maxLine_;
+  size_t dropped_ = 0;
   bool discarding_ = false;
 };

@@ -7,9 +7,10 @@
 #include "base/main_thread.h"
 #include "mcp/mcp_task.h"
 
-// Whoever takes a request out of the pending table (response, time-out, exit)
-// or finds the server not running calls finish(); the table's removal under
-// the lock is what makes that exclusive, the flag only guards the contract.
+// Whoever takes a request out of the pending table (response, time-out,
+// exit, stop) or finds the server not running calls finish(); the table's
+// removal under the lock is what makes that exclusive, the flag only guards
+// the contract.
 struct McpTask::Finish {
   explicit Finish(ResponseHandler c) : completion(std::move(c)) {}
 

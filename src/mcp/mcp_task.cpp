@@ -8,7 +8,10 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <thread>
 
 #include "base/log.h"
@@ -16,6 +19,7 @@
 #include "base/paths.h"
 #include "mcp/child_process.h"
 #include "mcp/line_buffer.h"
+#include "mcp/log_rate_limit.h"
 #include "mcp/mcp_finish.h"
 #include "mcp/serial_queue.h"
 #include "mcp/shell_path.h"
@@ -31,6 +35,16 @@ std::string passwdShell() {
   passwd* found = nullptr;
   if (getpwuid_r(getuid(), &entry, buf.data(), buf.size(), &found) != 0 || !found || !found->pw_shell) return {};
   return found->pw_shell;
+}
+
+// A server's notifications reach the log at this pace at most; a burst of
+// progress messages passes, a flood is counted instead.
+constexpr double kNotesPerSecond = 5;
+constexpr double kNoteBurst = 20;
+constexpr double kNoteReportAfter = 1;
+
+double steadySeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::string validUtf8(const std::string& bytes) {
@@ -100,11 +114,21 @@ std::shared_ptr<ChildProcess> McpTask::child() const {
   return _task;
 }
 
+std::string McpTask::standardError() const {
+  std::lock_guard lock(_lock);
+  return _standardError;
+}
+
 void McpTask::start() {
   if (child()) return;
+  auto fail = [this](const std::string& reason) {
+    _launchFailure = reason;
+    logLine("[MCP " + _name + "] " + reason);
+  };
+  _launchFailure.clear();
   auto resolved = resolveExecutable(_command);
   if (!resolved) {
-    logLine("[MCP " + _name + "] command not found: " + _command);
+    fail("command not found: " + _command);
     return;
   }
 
@@ -142,6 +166,10 @@ void McpTask::start() {
   }
   for (const auto& [key, value] : env) request.environment.push_back(key + "=" + value);
 
+  {
+    std::lock_guard lock(_lock);
+    _standardError.clear();
+  }
   std::string name = _name;
   std::string error;
   auto child = ChildProcess::spawn(
@@ -149,32 +177,39 @@ void McpTask::start() {
       // Logged from the watcher thread (the log hops to the main thread for
       // the panel itself): at quit the main loop no longer runs, and what a
       // server said on its way out must still reach the system log.
-      [name](std::string text) { logLine("[MCP " + name + "] stderr: " + validUtf8(text)); },
+      [name, weak = weak_from_this()](std::string text) {
+        std::string said = validUtf8(text);
+        logLine("[MCP " + name + "] stderr: " + said);
+        if (auto self = weak.lock()) {
+          std::lock_guard lock(self->_lock);
+          self->_standardError = std::move(said);
+        }
+      },
       &error);
   if (!child) {
-    logLine("[MCP " + _name + "] launch failed: " + error);
+    fail("launch failed: " + error);
     return;
   }
 
-  std::map<int64_t, FinishPtr> dropped;
+  // Nothing is pending here: requests are only entered while a child runs,
+  // and its end (stop or exit) answers them all.
   {
     std::lock_guard lock(_lock);
     _task = child;
     _stdin = child->stdinWriter();
     _died = false;
-    dropped.swap(_pending);
+    _stopMessage.clear();
   }
-  for (auto& [id, finish] : dropped) finish->cancelTimer();
   _ready = false;
   _stopped = false;
   _tools.reset();
 
   int out = child->takeStdout();
   try {
-    std::thread(&McpTask::readLoop, weak_from_this(), out, child).detach();
+    std::thread(&McpTask::readLoop, weak_from_this(), _name, out, _limits.outputLine, child).detach();
   } catch (...) {
     ::close(out);
-    logLine("[MCP " + _name + "] launch failed: no thread for its output");
+    fail("launch failed: no thread for its output");
     stop();
     return;
   }
@@ -184,13 +219,19 @@ void McpTask::start() {
   logLine("[MCP " + _name + "] started " + *resolved + " " + joined);
 }
 
-void McpTask::readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<ChildProcess> child) {
+void McpTask::readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
+                       std::shared_ptr<ChildProcess> child) {
   pthread_setname_np(pthread_self(), "ondrel.mcp.read");
   if (weak.expired()) {
     ::close(fd);
     return;
   }
-  LineBuffer buffer;
+  LineBuffer buffer(maxLine);
+  LogRateLimit notes(kNotesPerSecond, kNoteBurst, kNoteReportAfter);
+  auto reportHeldBack = [&](size_t count) {
+    if (count)
+      logLine("[MCP " + name + "] " + std::to_string(count) + " more notification(s) not logged: too many at once");
+  };
   bool gone = false;
   auto deliver = [&](std::string_view line) {
     if (gone) return;
@@ -200,7 +241,11 @@ void McpTask::readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<Chil
       return;
     }
     try {
-      self->processLine(line);
+      auto note = self->processLine(line);
+      if (!note) return;
+      double now = steadySeconds();
+      reportHeldBack(notes.takeDue(now));
+      if (notes.admit(now)) logLine("[MCP " + name + "] " + abbreviateForLog(*note));
     } catch (...) {
       // A line that trips the parser or the allocator is dropped like any
       // other malformed line.
@@ -210,18 +255,26 @@ void McpTask::readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<Chil
   // stop() ends the child's group; the terminate event ends this loop at
   // once, even when something outside the group still holds the pipe open.
   while (!gone && !child->terminateRequested()) {
+    int timeout = -1;
+    if (auto due = notes.due())
+      timeout = static_cast<int>(std::clamp(std::ceil((*due - steadySeconds()) * 1000), 0.0, 60000.0));
     pollfd fds[2] = {{fd, POLLIN, 0}, {child->terminateEventFd(), POLLIN, 0}};
-    int r = poll(fds, 2, -1);
+    int r = poll(fds, 2, timeout);
     if (r < 0) {
       if (errno == EINTR) continue;
       break;
     }
+    // A flood that has ended is still owed its count.
+    reportHeldBack(notes.takeDue(steadySeconds()));
     if (fds[1].revents) break;
     if (!fds[0].revents) continue;
     char chunk[4096];
     ssize_t n = read(fd, chunk, sizeof chunk);
     if (n > 0) {
       buffer.append(chunk, static_cast<size_t>(n), deliver);
+      if (size_t dropped = buffer.takeDropped())
+        logLine("[MCP " + name + "] skipped " + std::to_string(dropped) + " output line(s) longer than " +
+                std::to_string(maxLine) + " bytes");
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else {
@@ -232,6 +285,7 @@ void McpTask::readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<Chil
 
   std::string rest = buffer.takeRest();
   if (!rest.empty()) deliver(rest);
+  reportHeldBack(notes.takeAll());
   if (child->terminateRequested()) return;
   if (auto self = weak.lock()) self->handleChildExit();
 }
@@ -250,19 +304,22 @@ void McpTask::handleChildExit() {
   if (input) input->close();
 }
 
-void McpTask::stop() {
-  if (_stopped.exchange(true)) return;
+bool McpTask::stop(const std::string& outcome) {
+  if (_stopped.exchange(true)) return false;
+  std::string message = "MCP server '" + _name + "' " + outcome;
   std::shared_ptr<ChildProcess> child;
   std::shared_ptr<PipeWriter> input;
-  std::map<int64_t, FinishPtr> dropped;
+  std::map<int64_t, FinishPtr> outstanding;
   {
     std::lock_guard lock(_lock);
     child = std::move(_task);
     input = std::move(_stdin);
-    dropped.swap(_pending);
+    outstanding.swap(_pending);
+    _outbox.clear();
+    _stopMessage = message;
   }
   if (child) child->terminate();
   if (input) input->close();
-  // Dropped without completion; their timers would only find nothing.
-  for (auto& [id, finish] : dropped) finish->cancelTimer();
+  for (auto& [id, finish] : outstanding) finish->finish(clientError(message));
+  return true;
 }

@@ -25,14 +25,19 @@ extern int64_t gMcpSeq;
 // One local MCP server: its child process, the newline-delimited JSON-RPC
 // exchange over its standard input and output, and its tools. Created,
 // started and stopped by the registry on the main thread; always held by
-// shared_ptr (background threads and timers keep only weak references, so a
-// dropped server simply stops answering).
+// shared_ptr. Background threads and timers keep only weak references; a
+// request in progress holds the object until it has been answered, which
+// stop() makes happen at once.
 //
 // Threads: requests, timers and every completion on the main thread; one
 // reader of standard output that hands lines over in arrival order; one
 // serial write queue; the child's watcher drains standard error.
 class McpTask : public std::enable_shared_from_this<McpTask> {
  public:
+  // Longer request ids from a server are not echoed: the error reply then
+  // carries a null id, as JSON-RPC does for a request it cannot read.
+  static constexpr size_t kMaxEchoedId = 1024;
+
   using ResponseHandler = std::function<void(const Json& response)>;
   using ReadyHandler = std::function<void(bool ok, const Json& error)>;
   // tools: the cached array on success; error: the response's "error" member
@@ -47,6 +52,18 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
     double callTool = 120;
   };
 
+  // What one server may cost the app; tests lower them.
+  struct Limits {
+    // Bytes waiting for the server's standard input behind the write in
+    // progress. A server that stops reading is stopped past this, rather
+    // than holding on to every reply and request for it. A line is always
+    // taken when nothing else waits, however long it is.
+    size_t writeBacklog = size_t(4) << 20;
+    // Longest line read from the server: four images at the 8,000,000
+    // characters a result may carry, with room for the rest of the answer.
+    size_t outputLine = size_t(32) << 20;
+  };
+
   // Stores the configuration; starts nothing.
   static std::shared_ptr<McpTask> create(std::string name, std::string command, std::vector<std::string> args = {},
                                          std::map<std::string, std::string> env = {});
@@ -57,6 +74,8 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   const std::string& name() const { return _name; }
   const std::string& command() const { return _command; }
   void setTimeouts(const Timeouts& timeouts) { _timeouts = timeouts; }
+  // Before start().
+  void setLimits(const Limits& limits) { _limits = limits; }
 
   // ---- process ----
   // The login shell's PATH, asked for once per process (the first caller
@@ -72,28 +91,35 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   // request fails with "exited unexpectedly".
   void handleChildExit();
   // Ends the child (standard input closed, SIGTERM to its group, SIGKILL 2 s
-  // later); outstanding requests are dropped without completion. Only the
-  // first call acts.
-  void stop();
+  // later). Outstanding requests, and any made later, fail with "MCP server
+  // '<name>' <outcome>", so every caller hears back. Only the first call
+  // acts; returns whether this one did. Any thread.
+  bool stop(const std::string& outcome = "stopped");
 
   bool isRunning() const;
   std::shared_ptr<ChildProcess> child() const;
+  // Why the last start() left the server without a child ("command not
+  // found: …", "launch failed: …"); empty when it launched.
+  const std::string& launchFailure() const { return _launchFailure; }
+  // What the child wrote to standard error, complete once its watcher has
+  // finished (ChildProcess::waitUntilFinished).
+  std::string standardError() const;
 
   // ---- JSON-RPC session ----
   static int64_t nextId();
-  // Returns at once; the completion (may be empty) runs at most once, on the
+  // Returns at once; the completion (may be empty) runs exactly once, on the
   // main thread, with the server's response object or a client-made one
   // whose "error" is {"message": text}.
   void sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
                    ResponseHandler completion);
-  // Writes one message on the calling thread (waits while the pipe is full).
-  void sendMessageBlocking(const Json& message);
   // Writes one message in write order, never waiting on the calling thread.
-  void sendMessage(Json message);
+  void sendMessage(const Json& message);
   void sendNotification(const std::string& method, const std::optional<Json>& params);
   void sendErrorReply(const Json& id, int code, const std::string& message);
-  // One line of the server's output, on the reader thread.
-  void processLine(std::string_view line);
+  // One line of the server's output, on the reader thread. Returns the text
+  // of a notification that asks to be logged; the reader decides whether it
+  // is.
+  std::optional<std::string> processLine(std::string_view line);
   // Runs the initialize handshake unless it succeeded before (then the
   // completion runs at once, on the calling thread). Concurrent callers each
   // send their own initialize.
@@ -113,14 +139,14 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
 
   McpTask(std::string name, std::string command, std::vector<std::string> args,
           std::map<std::string, std::string> env);
-  static void readLoop(std::weak_ptr<McpTask> weak, int fd, std::shared_ptr<ChildProcess> child);
+  static void readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
+                       std::shared_ptr<ChildProcess> child);
   static Json clientError(const std::string& message);
-  static std::optional<std::string> serialize(const Json& message);
-  // Runs `prepare` in write order, then writes the line it returns (if any).
-  // When nothing is queued this happens at once on the calling thread, for
-  // as much as the pipe takes without waiting; the rest goes to the queue.
-  void writeInOrder(std::function<std::optional<std::string>(McpTask&)> prepare);
-  void writeBytes(const std::string& bytes);
+  // Writes one line to the server in order, unless it died. When nothing is
+  // being written it goes out at once on the calling thread, as far as the
+  // pipe takes it without waiting; otherwise, and for the rest, the write
+  // thread sends it. Past the backlog limit the server is stopped instead.
+  void writeInOrder(std::string line);
 
   std::string _command;
   std::vector<std::string> _args;
@@ -129,13 +155,19 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   std::shared_ptr<PipeWriter> _stdin;   // guarded by _lock
   std::string _carry;                   // unused: the reader keeps its own buffer
   std::map<int64_t, FinishPtr> _pending;  // guarded by _lock
+  std::string _outbox;                    // guarded by _lock: bytes waiting behind the write in progress
+  bool _writing = false;                  // guarded by _lock: a line or the outbox is being written
+  std::string _stopMessage;               // guarded by _lock: what requests hear after stop()
   std::unique_ptr<SerialQueue> _writeQueue;
   bool _ready = false;                  // main thread
-  std::atomic<bool> _stopped{false};    // set on main, read by the reader
+  std::atomic<bool> _stopped{false};    // set by stop(), read by the reader and the writer
   bool _died = false;                   // guarded by _lock
   std::optional<Json> _tools;           // main thread
+  std::string _launchFailure;           // main thread
+  std::string _standardError;           // guarded by _lock
   std::string _name;
 
   Timeouts _timeouts;
+  Limits _limits;
   mutable std::mutex _lock;
 };

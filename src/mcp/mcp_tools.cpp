@@ -3,23 +3,22 @@
 #include "mcp/mcp_task.h"
 #include "mcp/tool_result.h"
 
+// The steps hold the server until they have answered: a server stopped
+// meanwhile (a reload, the app quitting) answers with why, never with
+// silence.
+
 void McpTask::listToolsWithCompletion(ToolsHandler completion) {
   if (_tools) {
     completion(true, *_tools, nullptr);
     return;
   }
-  std::weak_ptr<McpTask> weak = weak_from_this();
-  ensureReady([weak, completion](bool ok, const Json& error) {
+  ensureReady([self = shared_from_this(), completion](bool ok, const Json& error) {
     if (!ok) {
       completion(false, nullptr, error);
       return;
     }
-    auto self = weak.lock();
-    if (!self) return;
     // Only the first page: no cursor is sent, and one in the answer is ignored.
-    self->sendRequest("tools/list", Json::object(), self->_timeouts.listTools, [weak, completion](const Json& response) {
-      auto self = weak.lock();
-      if (!self) return;
+    auto listed = [self, completion](const Json& response) {
       if (auto error = response.find("error"); error != response.end()) {
         completion(false, nullptr, *error);
         return;
@@ -32,22 +31,19 @@ void McpTask::listToolsWithCompletion(ToolsHandler completion) {
       }
       self->_tools = tools;
       completion(true, tools, nullptr);
-    });
+    };
+    self->sendRequest("tools/list", Json::object(), self->_timeouts.listTools, std::move(listed));
   });
 }
 
 void McpTask::callTool(const std::string& tool, const Json& args, CallHandler completion) {
-  std::weak_ptr<McpTask> weak = weak_from_this();
   Json params = {{"name", tool}, {"arguments", args.is_object() ? args : Json::object()}};
-  ensureReady([weak, completion, params = std::move(params)](bool ok, const Json& error) {
+  ensureReady([self = shared_from_this(), completion, params = std::move(params)](bool ok, const Json& error) {
     if (!ok) {
       completion(false, nullptr, error);
       return;
     }
-    auto self = weak.lock();
-    if (!self) return;
-    self->sendRequest("tools/call", params, self->_timeouts.callTool, [weak, completion](const Json& response) {
-      if (weak.expired()) return;
+    self->sendRequest("tools/call", params, self->_timeouts.callTool, [completion](const Json& response) {
       if (auto error = response.find("error"); error != response.end()) {
         completion(false, nullptr, *error);
         return;

@@ -12,7 +12,6 @@ struct SerialQueue::State {
   std::mutex mutex;
   std::condition_variable wake;
   std::deque<std::function<void()>> items;
-  bool busy = false;  // an item runs, on the thread or inline
   bool closed = false;
 };
 
@@ -26,11 +25,10 @@ SerialQueue::SerialQueue(const std::string& label) : state_(std::make_shared<Sta
       pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
       std::unique_lock lock(state->mutex);
       for (;;) {
-        state->wake.wait(lock, [&] { return state->closed || (!state->busy && !state->items.empty()); });
+        state->wake.wait(lock, [&] { return state->closed || !state->items.empty(); });
         if (state->closed) return;
         auto work = std::move(state->items.front());
         state->items.pop_front();
-        state->busy = true;
         lock.unlock();
         try {
           work();
@@ -39,7 +37,6 @@ SerialQueue::SerialQueue(const std::string& label) : state_(std::make_shared<Sta
         }
         work = nullptr;  // captured objects die here, outside the lock
         lock.lock();
-        state->busy = false;
       }
     }).detach();
   } catch (...) {
@@ -68,23 +65,4 @@ void SerialQueue::close() {
   }
   state_->wake.notify_one();
   // `dropped` dies here, on the closing thread, outside the lock.
-}
-
-bool SerialQueue::tryBeginInline() {
-  std::lock_guard lock(state_->mutex);
-  if (state_->closed || state_->busy || !state_->items.empty()) return false;
-  state_->busy = true;
-  return true;
-}
-
-void SerialQueue::endInline(std::function<void()> remainder) {
-  bool work;
-  {
-    std::lock_guard lock(state_->mutex);
-    state_->busy = false;
-    if (remainder && !state_->closed) state_->items.push_front(std::move(remainder));
-    work = !state_->items.empty();
-  }
-  // Waking the thread for nothing would cost a context switch per write.
-  if (work) state_->wake.notify_one();
 }

@@ -20,13 +20,6 @@ class SerialQueue {
   bool async(std::function<void()> work);
   void close();
 
-  // Claims the queue for the calling thread when nothing is queued or
-  // running, so the caller can do a short, non-blocking piece of work itself
-  // and skip a thread hop; items queued meanwhile wait. Must be followed by
-  // endInline, which can hand over a remainder that then runs first.
-  bool tryBeginInline();
-  void endInline(std::function<void()> remainder = nullptr);
-
  private:
   struct State;
   std::shared_ptr<State> state_;

@@ -2,8 +2,10 @@
 
 #include "base/server_address.h"
 #include "base/settings.h"
+#include "build_config.h"
 #include "update/manifest.h"
 #include "update/update_host.h"
+#include "update/update_signature.h"
 #include "update/version.h"
 
 namespace {
@@ -11,6 +13,7 @@ namespace {
 constexpr const char* kTagline = "Your AI workspace, at home on your desktop.";
 
 std::string updateSource() {
+  if (ondrel::build::kPackaged) return "the system's package manager";
   if (!ondrelUpdatesEnabled()) return "disabled";
   auto url = ondrelUpdateManifestURL();
   if (!url || url->empty()) return "disabled";
@@ -20,13 +23,16 @@ std::string updateSource() {
 }  // namespace
 
 std::string ondrelAboutText(const std::string& version, const std::string& build,
-                            const std::optional<std::string>& serverUrl) {
+                            const std::optional<std::string>& serverUrl, bool updatesSigned) {
   std::string host = serverUrl ? ondrelServerHostOf(*serverUrl) : std::string();
   if (host.empty()) host = "—";
   return std::string(kTagline) + "\n\n" + "Version " + ondrelVersionOrDefault(version) + " (build " + build +
-         ")\nInstance Server: " + host + "\nUpdate Source: " + updateSource();
+         ")\nInstance Server: " + host + "\nUpdate Source: " + updateSource() +
+         (updatesSigned ? "" : "\nUpdates are not signature-checked.");
 }
 
 void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
-  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl));
+  // A packaged copy installs no archives of its own: nothing to check.
+  bool checked = ondrel::build::kPackaged || ondrelUpdatesAreSigned();
+  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, checked));
 }

@@ -32,21 +32,18 @@ void relayProgress(const std::shared_ptr<ProgressRelay>& relay, double value) {
   });
 }
 
-void downloadFinished(const std::string& dest, const std::optional<std::string>& error) {
-  UpdateHost& host = updateHost();
+void downloadFinished(const std::string& dest, const ArchiveTrust& trust, const std::optional<std::string>& error) {
   if (error) {
     std::string reason = error->empty() ? std::string("unknown error") : *error;
     logLine("[Update] download failed: " + reason);
-    host.hideProgress();
-    host.showFailure("Could not download the update:\n" + reason + "\n\nYour current version is unchanged.");
-    if (gUpdateIsDeferred) host.stopEventLoop();
+    ondrelFailUpdate("Could not download the update:\n" + reason + "\n\nYour current version is unchanged.");
     return;
   }
   struct stat info {};
   long long size = stat(dest.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : 0;
   logLine("[Update] downloaded " + dest + " (" + std::to_string(size) + " bytes)");
-  std::string executable = host.runningExecutable();
-  std::thread([dest, executable] { ondrelInstallUpdate(dest, executable); }).detach();
+  std::string executable = updateHost().runningExecutable();
+  std::thread([dest, executable, trust] { ondrelInstallUpdate(dest, executable, trust); }).detach();
 }
 
 }  // namespace
@@ -72,7 +69,7 @@ void ondrelBeginUpdate(const std::string& version, const std::string& zipUrl) {
   auto relay = std::make_shared<ProgressRelay>();
   OndrelDownloader::startWithURL(
       zipUrl, dest, [relay](double fraction) { relayProgress(relay, fraction); },
-      [dest](const std::optional<std::string>& error) {
-        runOnMain([dest, error] { downloadFinished(dest, error); });
+      [dest, trust = ondrelArchiveTrust(version, zipUrl)](const std::optional<std::string>& error) {
+        runOnMain([dest, trust, error] { downloadFinished(dest, trust, error); });
       });
 }

@@ -1,6 +1,7 @@
 #include "update/bundle_search.h"
 
 #include <glib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -52,6 +53,16 @@ std::optional<std::string> ondrelFindBundle(const std::string& stageDir) {
     if (isRealDirectory(candidate) && isRealDirectory(candidate / "usr" / "bin")) return candidate.string();
   }
   return std::nullopt;
+}
+
+std::string ondrelBundleDefect(const std::string& bundle) {
+  for (const char* part : {"AppRun", "usr/bin/ondrel"}) {
+    struct stat info {};
+    if (lstat((fs::path(bundle) / part).c_str(), &info) != 0) return std::string("it has no ") + part;
+    if (!S_ISREG(info.st_mode)) return std::string("its ") + part + " is not a regular file";
+    if (!(info.st_mode & S_IXUSR)) return std::string("its ") + part + " is not executable";
+  }
+  return "";
 }
 
 std::optional<std::string> ondrelBundleOfExecutable(const std::string& executablePath) {

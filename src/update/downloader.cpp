@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "base/files.h"
-#include "update/http_get.h"
+#include "update/update_transfer.h"
 
 namespace {
 
@@ -35,9 +35,7 @@ std::shared_ptr<OndrelDownloader> OndrelDownloader::startWithURL(const std::stri
   return downloader;
 }
 
-OndrelDownloader::~OndrelDownloader() {
-  if (_session) curl_easy_cleanup(_session);
-}
+OndrelDownloader::~OndrelDownloader() = default;
 
 size_t OndrelDownloader::write(char* data, size_t size, size_t count, void* user) {
   auto* self = static_cast<OndrelDownloader*>(user);
@@ -49,7 +47,7 @@ size_t OndrelDownloader::write(char* data, size_t size, size_t count, void* user
   }
   self->written_ += static_cast<int64_t>(n);
   curl_off_t expected = -1;
-  curl_easy_getinfo(self->_session, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
+  curl_easy_getinfo(self->_session->handle(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
   self->didWriteData(self->written_, expected);
   return n;
 }
@@ -78,7 +76,12 @@ void OndrelDownloader::didCompleteWithError(const std::string& error) {
 }
 
 void OndrelDownloader::run(const std::string& url) {
-  ondrelInitCurl();
+  _session = std::make_unique<UpdateTransfer>(url);
+  CURL* curl = _session->handle();
+  if (!curl) {
+    didCompleteWithError(_session->perform());
+    return;
+  }
   // The partial file sits beside the destination, so the final move is a
   // rename on one file system, never a copy of the whole archive.
   std::string tempPath = parentDirectory(_dest) + "/.ondrel-download-XXXXXX";
@@ -97,35 +100,22 @@ void OndrelDownloader::run(const std::string& url) {
   }
   std::setvbuf(file_, nullptr, _IOFBF, kFileBuffer);
 
-  _session = curl_easy_init();
-  char errorText[CURL_ERROR_SIZE] = "";
-  curl_slist* headers = curl_slist_append(nullptr, "Cache-Control: no-cache");
-  curl_easy_setopt(_session, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(_session, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(_session, CURLOPT_MAXREDIRS, 16L);
-  curl_easy_setopt(_session, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(_session, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(_session, CURLOPT_TIMEOUT, kTimeoutSeconds);
-  curl_easy_setopt(_session, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(_session, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
-  curl_easy_setopt(_session, CURLOPT_USERAGENT, kUpdaterUserAgent);
-  curl_easy_setopt(_session, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(_session, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(_session, CURLOPT_BUFFERSIZE, 512L * 1024L);
-  curl_easy_setopt(_session, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(_session, CURLOPT_WRITEFUNCTION, &OndrelDownloader::write);
-  curl_easy_setopt(_session, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, kTimeoutSeconds);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 512L * 1024L);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &OndrelDownloader::write);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
 
-  CURLcode result = _session ? curl_easy_perform(_session) : CURLE_FAILED_INIT;
-  curl_slist_free_all(headers);
+  std::string transferError = _session->perform();
   int closeErrno = std::fclose(file_) == 0 ? 0 : errno;
   file_ = nullptr;
 
   std::optional<std::string> error;
   if (writeErrno_) {
     error = describeErrno("Could not write", tempPath, writeErrno_);
-  } else if (result != CURLE_OK) {
-    error = *errorText ? std::string(errorText) : std::string(curl_easy_strerror(result));
+  } else if (!transferError.empty()) {
+    error = transferError;
   } else if (closeErrno) {
     error = describeErrno("Could not write", tempPath, closeErrno);
   }
@@ -135,6 +125,5 @@ void OndrelDownloader::run(const std::string& url) {
   } else {
     didFinishDownloadingTo(tempPath);
   }
-  curl_easy_cleanup(_session);
-  _session = nullptr;
+  _session.reset();
 }

@@ -6,11 +6,13 @@
 #include <optional>
 #include <string>
 
-typedef void CURL;
+class UpdateTransfer;
 
-// Downloads one URL into a file on a thread of its own. The body of any
-// HTTP answer counts as the download (an error page is judged later, by
-// the install step). Callbacks run on the download thread.
+// Downloads one URL into a file on a thread of its own, under the
+// updater's transport rules (a refused URL fails before anything is
+// written). The body of any HTTP answer counts as the download (an error
+// page is judged later, by the install step). Callbacks run on the
+// download thread.
 class OndrelDownloader : public std::enable_shared_from_this<OndrelDownloader> {
  public:
   using Progress = std::function<void(double fraction)>;
@@ -34,7 +36,7 @@ class OndrelDownloader : public std::enable_shared_from_this<OndrelDownloader> {
   void didCompleteWithError(const std::string& error);
   static size_t write(char* data, size_t size, size_t count, void* self);
 
-  CURL* _session = nullptr;
+  std::unique_ptr<UpdateTransfer> _session;
   std::string _dest;
   Done _done;
   Progress _progress;

@@ -2,18 +2,14 @@
 
 #include <string>
 
-inline constexpr const char* kUpdaterUserAgent = "ondrel-linux-updater";
-
 struct HttpAnswer {
   bool ok = false;       // the transfer completed
   long status = -1;      // the final HTTP status, -1 without an HTTP answer
   std::string body;
-  std::string error;     // curl's message when !ok
+  std::string error;     // why not, when !ok (a refused URL included)
 };
 
-// A blocking GET of the manifest: redirects followed, 20 s in all, never
-// from a cache, with the updater's User-Agent. Call off the main thread.
+// A blocking GET of a small update file (the manifest, a signature) under
+// the updater's transport rules: 20 s in all, never from a cache. Call off
+// the main thread.
 HttpAnswer ondrelHttpGet(const std::string& url);
-
-// libcurl's process-wide set-up, done once before the first transfer.
-void ondrelInitCurl();

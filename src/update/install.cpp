@@ -1,5 +1,8 @@
 #include "update/install.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <filesystem>
 #include <optional>
 
@@ -29,7 +32,13 @@ std::string ondrelNoBundleText(int unpackStatus) {
          "). Your current version is unchanged. See the log panel (View → Show Log) for details.";
 }
 
-InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable) {
+std::string ondrelUnstartableBundleText(const std::string& defect) {
+  return "The downloaded Ondrel.AppDir could not be started: " + defect +
+         ". It was deleted without being installed. Your current version is unchanged.";
+}
+
+InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
+                                 const ArchiveTrust& trust) {
   InstallPlan plan;
   const std::string updates = ondrelUpdatesDir();
   makeDirectories(updates);
@@ -41,6 +50,15 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
   if (!isZip) {
     plan.failure = ondrelNotAZipText(head.length);
     return plan;
+  }
+  if (!trust.publicKey.empty()) {
+    std::string reason = ondrelCheckArchiveSignature(archivePath, trust);
+    if (!reason.empty()) {
+      // Nothing of an archive that failed its check stays to be opened later.
+      std::remove(archivePath.c_str());
+      plan.failure = ondrelUnverifiedText(reason);
+      return plan;
+    }
   }
 
   const std::string stage = ondrelStageDir();
@@ -57,6 +75,14 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
     return plan;
   }
   logLine("[Update] extracted bundle at " + *bundle);
+  if (std::string defect = ondrelBundleDefect(*bundle); !defect.empty()) {
+    logLine("[Update] refused bundle " + *bundle + ": " + defect);
+    // Swapped in, it would leave no app that starts; nothing of it stays.
+    std::filesystem::remove_all(stage, ec);
+    std::remove(archivePath.c_str());
+    plan.failure = ondrelUnstartableBundleText(defect);
+    return plan;
+  }
 
   auto running = ondrelBundleOfExecutable(runningExecutable);
   if (!running) {
@@ -65,20 +91,19 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
   }
   plan.runningBundle = *running;
   plan.scriptPath = ondrelSwapScriptPath();
-  writeFileAtomically(plan.scriptPath, ondrelSwapScriptText(*running, *bundle, ondrelInstallLogPath()));
+  writeFileAtomically(plan.scriptPath, ondrelSwapScriptText(*running, *bundle, ondrelInstallLogPath(), getpid()));
   return plan;
 }
 
-void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable) {
-  InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable);
+void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable,
+                         const ArchiveTrust& trust) {
+  InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable, trust);
   runOnMain([plan] {
-    UpdateHost& host = updateHost();
     if (!plan.failure.empty()) {
-      host.hideProgress();
-      host.showFailure(plan.failure);
-      if (gUpdateIsDeferred) host.stopEventLoop();
+      ondrelFailUpdate(plan.failure);
       return;
     }
+    UpdateHost& host = updateHost();
     host.launchSwapScript(plan.scriptPath);
     logLine("[Update] swap started; relaunching " + plan.runningBundle);
     host.hideProgress();

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "update/update_signature.h"
+
 // What the install step decided, before anything visible happens.
 struct InstallPlan {
   std::string failure;        // the "Update Failed" text; empty when the swap can go ahead
@@ -9,16 +11,20 @@ struct InstallPlan {
   std::string runningBundle;  // the AppDir being replaced
 };
 
-// The file work of an install: signature test, staging, unpacking, bundle
-// search, the swap script. Logs as it goes. Any thread.
-InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable);
+// The file work of an install: zip test, signature check (when trust holds
+// a key), staging, unpacking, bundle search and check, the swap script.
+// Logs as it goes. Any thread but the main one: it may fetch the signature.
+InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
+                                 const ArchiveTrust& trust);
 
 // The whole install step for a downloaded archive: the file work on the
 // calling (background) thread, then on the main thread either the failure
 // alert or the swap script's launch and the end of the process.
-void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable);
+void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable,
+                         const ArchiveTrust& trust);
 
 // Texts of the install step's failure alerts.
 std::string ondrelNotAZipText(unsigned long long length);
 std::string ondrelNoBundleText(int unpackStatus);
+std::string ondrelUnstartableBundleText(const std::string& defect);
 extern const char* const kNotInstalledText;

@@ -22,6 +22,14 @@ UpdateHost& updateHost() {
   return *gHost;
 }
 
+void ondrelFailUpdate(const std::string& informativeText) {
+  UpdateHost& host = updateHost();
+  host.hideProgress();
+  host.showFailure(informativeText, [] {
+    if (gUpdateIsDeferred) updateHost().stopEventLoop();
+  });
+}
+
 std::string UpdateHost::runningExecutable() {
   std::error_code ec;
   auto path = std::filesystem::read_symlink("/proc/self/exe", ec);

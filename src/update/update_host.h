@@ -1,19 +1,26 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 // What the updater needs from the rest of the program: its dialogs, the
 // progress window, the event loop and the end of the process. The GTK layer
 // installs the real one at start-up; tests install a fake. Every call is
 // made on the main thread.
+//
+// The dialogs return at once and report their answer later, from the main
+// loop: while one is open, replies to the page, completions and log lines
+// queued for the main thread must keep flowing.
 class UpdateHost {
  public:
   enum class Choice { UpdateNow, NextRestart, Later };
 
   virtual ~UpdateHost() = default;
 
-  // The "Ondrel Update Available" alert; blocks until it is answered.
-  virtual Choice askToUpdate(const std::string& remote, const std::string& current) = 0;
+  // The "Ondrel Update Available" alert; answered runs once with the choice
+  // (Later when the alert is closed any other way).
+  virtual void askToUpdate(const std::string& remote, const std::string& current,
+                           std::function<void(Choice)> answered) = 0;
 
   // Shows the progress window (built once, reused after), with the bar
   // indeterminate and the given label.
@@ -23,8 +30,9 @@ class UpdateHost {
   virtual void setProgress(double fraction) = 0;
   virtual void hideProgress() = 0;
 
-  // The modal "Update Failed" alert with a single default button.
-  virtual void showFailure(const std::string& informativeText) = 0;
+  // The modal "Update Failed" alert with a single default button;
+  // dismissed runs once it has been closed.
+  virtual void showFailure(const std::string& informativeText, std::function<void()> dismissed) = 0;
 
   // The modal About alert.
   virtual void showAbout(const std::string& informativeText) = 0;
@@ -50,3 +58,8 @@ UpdateHost& updateHost();
 // Set only on the start-up path that applies a scheduled update: a failure
 // then stops the event loop so that start-up can go on.
 extern bool gUpdateIsDeferred;
+
+// Ends an update the user started: hides the progress window, shows
+// "Update Failed" with the text and, once it is closed, stops the event
+// loop when the update was the scheduled one.
+void ondrelFailUpdate(const std::string& informativeText);

@@ -73,21 +73,32 @@ GtkWidget* messageDialog(const char* title, const char* message, const std::stri
   return dialog;
 }
 
-// Shows the dialog in front and waits for its answer. The default button
-// holds the focus, so Return picks it.
-int runDialog(GtkWidget* dialog, int defaultResponse) {
+// Shows the dialog in front and returns at once; answered gets the response
+// when the dialog ends, and the dialog is gone by then. No nested loop: the
+// answer comes from the main loop, which meanwhile serves everything else.
+// The default button holds the focus, so Return picks it.
+void presentDialog(GtkWidget* dialog, int defaultResponse, std::function<void(int)> answered) {
+  using Answer = std::function<void(int)>;
   gtk_dialog_set_default_response(GTK_DIALOG(dialog), defaultResponse);
   if (GtkWidget* button = gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), defaultResponse))
     gtk_widget_grab_focus(button);
+  g_signal_connect_data(
+      dialog, "response", G_CALLBACK(+[](GtkDialog* self, int response, gpointer data) {
+        // Taken out first: destroying the dialog frees the stored copy.
+        Answer answer = std::move(*static_cast<Answer*>(data));
+        *static_cast<Answer*>(data) = nullptr;
+        gtk_widget_destroy(GTK_WIDGET(self));
+        if (answer) answer(response);
+      }),
+      new Answer(std::move(answered)), +[](gpointer data, GClosure*) { delete static_cast<Answer*>(data); },
+      GConnectFlags(0));
   gtk_window_present(GTK_WINDOW(dialog));
-  int response = gtk_dialog_run(GTK_DIALOG(dialog));
-  gtk_widget_destroy(dialog);
-  return response;
 }
 
 class GtkUpdateHost final : public UpdateHost {
  public:
-  Choice askToUpdate(const std::string& remote, const std::string& current) override {
+  void askToUpdate(const std::string& remote, const std::string& current,
+                   std::function<void(Choice)> answered) override {
     GtkWidget* dialog = messageDialog(
         "Ondrel Update Available", "Ondrel Update Available", "A new version of Ondrel (" + remote + ") is available. You are running " +
                                        current + ".\n\nUpdate now, or update on your next restart?");
@@ -95,11 +106,13 @@ class GtkUpdateHost final : public UpdateHost {
     gtk_dialog_add_button(GTK_DIALOG(dialog), "Update Now", kNow);
     gtk_dialog_add_button(GTK_DIALOG(dialog), "Update on Next Restart", kNextRestart);
     gtk_dialog_add_button(GTK_DIALOG(dialog), "Later", kLater);
-    switch (runDialog(dialog, kNow)) {
-      case kNow: return Choice::UpdateNow;
-      case kNextRestart: return Choice::NextRestart;
-      default: return Choice::Later;
-    }
+    presentDialog(dialog, kNow, [answered = std::move(answered)](int response) {
+      switch (response) {
+        case kNow: answered(Choice::UpdateNow); break;
+        case kNextRestart: answered(Choice::NextRestart); break;
+        default: answered(Choice::Later); break;
+      }
+    });
   }
 
   void showProgress(const std::string& label) override {
@@ -128,16 +141,12 @@ class GtkUpdateHost final : public UpdateHost {
     gtk_widget_hide(gUpdateProgressWindow);
   }
 
-  void showFailure(const std::string& informativeText) override {
-    GtkWidget* dialog = messageDialog("Update Failed", "Update Failed", informativeText);
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
-    runDialog(dialog, GTK_RESPONSE_OK);
+  void showFailure(const std::string& informativeText, std::function<void()> dismissed) override {
+    showNotice("Update Failed", "Update Failed", informativeText, std::move(dismissed));
   }
 
   void showAbout(const std::string& informativeText) override {
-    GtkWidget* dialog = messageDialog("About Ondrel", "Ondrel", informativeText);
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
-    runDialog(dialog, GTK_RESPONSE_OK);
+    showNotice("About Ondrel", "Ondrel", informativeText, nullptr);
   }
 
   explicit GtkUpdateHost(std::function<void()> quitApp) : quitApp_(std::move(quitApp)) {}
@@ -157,6 +166,16 @@ class GtkUpdateHost final : public UpdateHost {
   }
 
  private:
+  // An alert with a single "OK" button.
+  static void showNotice(const char* title, const char* message, const std::string& informative,
+                         std::function<void()> dismissed) {
+    GtkWidget* dialog = messageDialog(title, message, informative);
+    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
+    presentDialog(dialog, GTK_RESPONSE_OK, [dismissed = std::move(dismissed)](int) {
+      if (dismissed) dismissed();
+    });
+  }
+
   std::function<void()> quitApp_;
   guint loopLevel_ = 0;  // the level of the start-up update loop while it runs
 };

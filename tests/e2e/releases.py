@@ -1,8 +1,10 @@
-"""Release archives, an update server and process clean-up for the updater tests.
+"""Release archives, signing keys, an update server and process clean-up for
+the updater tests.
 
 Releases are made by packaging/make-release, the script that makes real
 releases, into one CMake build folder that is kept between runs (only the
-files that see the version are recompiled for the second version).
+files that see the version or the key are recompiled for the second
+version). Keys and signatures are made by the minisign tool.
 """
 
 from __future__ import annotations
@@ -40,6 +42,10 @@ class Release:
         return self.folder / self.zip_name
 
     @property
+    def signature(self) -> Path:
+        return self.folder / f"{self.zip_name}.minisig"
+
+    @property
     def manifest(self) -> bytes:
         return (self.folder / "latest.txt").read_bytes()
 
@@ -62,11 +68,40 @@ def release_build_dir() -> Path:
     return Path(tempfile.gettempdir()) / f"ondrel-release-build-{os.getuid()}-{tag}"
 
 
-def make_release(version: str, build: str, out: Path) -> Release:
+@dataclass
+class SigningKey:
+    secret: Path
+    public: str  # the key line a build is configured with
+
+    @property
+    def key_id(self) -> str:
+        """As minisign prints it, in the public key's comment."""
+        return (self.secret.parent / "minisign.pub").read_text().splitlines()[0].split()[-1]
+
+
+def make_key(folder: Path) -> SigningKey:
+    """A minisign key pair without a password."""
+    folder.mkdir(parents=True, exist_ok=True)
+    subprocess.run(["minisign", "-G", "-W", "-f", "-p", str(folder / "minisign.pub"), "-s",
+                    str(folder / "minisign.key")], check=True, stdout=subprocess.DEVNULL)
+    return SigningKey(folder / "minisign.key", (folder / "minisign.pub").read_text().splitlines()[1])
+
+
+def sign(path: Path, key: SigningKey, trusted_comment: str) -> Path:
+    """Writes <path>.minisig; returns its path."""
+    signature = Path(f"{path}.minisig")
+    subprocess.run(["minisign", "-S", "-s", str(key.secret), "-m", str(path), "-x", str(signature),
+                    "-t", trusted_comment], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    return signature
+
+
+def make_release(version: str, build: str, out: Path, key: SigningKey) -> Release:
+    """A release whose app trusts key and whose zip is signed with it."""
     result = subprocess.run(
         [str(MAKE_RELEASE), version, build, "--out", str(out), "--build-dir", str(release_build_dir()),
-         f"-DONDREL_SERVICE_DOMAIN={SERVICE_DOMAIN}"],
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env={**os.environ, "JOBS": "2"})
+         f"-DONDREL_SERVICE_DOMAIN={SERVICE_DOMAIN}", f"-DONDREL_UPDATE_PUBLIC_KEY={key.public}"],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+        env={**os.environ, "JOBS": "2", "MINISIGN_KEY": str(key.secret)})
     if result.returncode != 0:
         raise RuntimeError(f"make-release {version} failed:\n{result.stdout[-4000:]}")
     return Release(version, build, out)
@@ -162,10 +197,19 @@ class UpdateServer:
         return self.base + path
 
     def publish(self, release: Release, folder: str = "/rel", **how) -> str:
-        """Serves the release's manifest and zip; returns the manifest URL."""
+        """Serves the release's manifest, zip and signature; returns the manifest URL."""
         self.files[f"{folder}/latest.txt"] = Served(release.manifest)
-        self.files[f"{folder}/{release.zip_name}"] = Served(release.zip_path.read_bytes(), **how)
+        self.offer(release.zip_path, folder, **how)
         return self.url(f"{folder}/latest.txt")
+
+    def offer(self, archive: Path, folder: str = "/rel", **how) -> str:
+        """Serves an archive, and its .minisig when there is one; returns the archive's URL."""
+        path = f"{folder}/{archive.name}"
+        self.files[path] = Served(archive.read_bytes(), **how)
+        signature = Path(f"{archive}.minisig")
+        if signature.exists():
+            self.files[f"{path}.minisig"] = Served(signature.read_bytes())
+        return self.url(path)
 
     def paths_requested(self) -> list[str]:
         return [path for path, _ in self.requests]

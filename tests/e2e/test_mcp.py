@@ -1,7 +1,9 @@
-"""Local MCP servers through the real window and bridge, against the reference
-servers from npm (pinned in mcp/package-lock.json): listing under namespaced
-names, calls with text, images and structured content, restarts on save, and
-no server left behind when the app ends."""
+"""Local MCP servers through the real window and bridge, and through
+`ondrel mcp` in a terminal, against the reference servers from npm (pinned in
+mcp/package-lock.json): listing under namespaced names, calls with text,
+images and structured content, restarts on save, servers that fail to start,
+no server left behind when the app ends, and servers that flood the app
+neither stall nor swell it."""
 
 from __future__ import annotations
 
@@ -9,17 +11,20 @@ import collections
 import itertools
 import json
 import os
+import re
 import signal
 import subprocess
 import threading
+import time
 from pathlib import Path
 
 import pytest
 
-from harness import descendants, poll
+from harness import BINARY, descendants, poll
 
 MCP_DIR = Path(__file__).resolve().parent / "mcp"
 EVERYTHING = MCP_DIR / "node_modules/@modelcontextprotocol/server-everything/dist/index.js"
+FLOOD_SERVER = MCP_DIR / "flood_server.py"
 # The logo server-everything's get-tiny-image returns, as the page must see it.
 TINY_IMAGE_PREFIX = "iVBORw0KGgoAAAANSUhEUgAAABQAAAAUCAYAAACNiR0N"
 
@@ -56,8 +61,9 @@ class Page:
                 return 200, "application/json", json.dumps(self._queue.popleft()).encode()
         return 204, "text/plain", b""
 
-    def call(self, name: str, args=None, timeout: float = 60):
-        """Runs one action; returns (ok, value) and checks that exactly one reply came."""
+    def call(self, name: str, args=None, timeout: float = 60, check_single: bool = True):
+        """Runs one action; returns (ok, value) and checks that exactly one reply came.
+        The milliseconds from posting to reply, as the page saw them, are kept in last_ms."""
         req_id = f"req-{next(self._ids)}"
         mark = self.web.mark()
         command = {"reqId": req_id, "name": name}
@@ -66,8 +72,10 @@ class Page:
         with self._lock:
             self._queue.append(command)
         report = self.web.wait_for_report("reply", timeout, since=mark, where=lambda d: d.get("reqId") == req_id)
-        assert self.web.no_report("reply", 0.2, since=report.index + 1, where=lambda d: d.get("reqId") == req_id), \
-            f"{name} was answered twice"
+        if check_single:
+            assert self.web.no_report("reply", 0.2, since=report.index + 1,
+                                      where=lambda d: d.get("reqId") == req_id), f"{name} was answered twice"
+        self.last_ms = report.data["ms"]
         return bool(report.data["ok"]), report.data["value"]
 
 
@@ -246,3 +254,104 @@ def test_a_crashed_app_takes_its_servers_along(launch, web, tmp_path):
     app.wait_exit(15)
     poll(lambda: not any(alive(pid) for pid in pids), 10,
          message=lambda: f"still running after the crash: {[pids[p] for p in pids if alive(p)]}")
+
+
+def cwd(pid: str) -> str | None:
+    try:
+        return os.readlink(f"/proc/{pid}/cwd")
+    except OSError:
+        return None
+
+
+def test_the_servers_are_listed_and_called_from_a_terminal(tmp_path):
+    allowed = tmp_path / "shared"
+    allowed.mkdir()
+    (allowed / "hello.txt").write_text("Hello from the filesystem server\n")
+    home = tmp_path / "home"
+    config = config_for(allowed)
+    config["mcpServers"]["broken"] = {"command": "node", "args": [
+        "-e", "console.error('starting'); console.error('Error: API_KEY is not set'); process.exit(3)"]}
+    config["mcpServers"]["missing"] = {"command": "ondrel-no-such-mcp-server"}
+    (home / ".config/ondrel").mkdir(parents=True)
+    (home / ".config/ondrel/config.json").write_text(json.dumps(config))
+
+    def ondrel_mcp(*args):
+        # No DISPLAY, no WAYLAND_DISPLAY: a terminal over SSH will do.
+        done = subprocess.run([BINARY, "mcp", *args], env={"PATH": os.environ["PATH"], "HOME": str(home)},
+                              capture_output=True, text=True, timeout=180)
+        # Every server ran in HOME; none may outlive the command.
+        left = [pid for pid in os.listdir("/proc") if pid.isdigit() and alive(int(pid)) and cwd(pid) == str(home)]
+        assert not left, f"still running after 'ondrel mcp {' '.join(args)}': {left}"
+        return done.returncode, done.stdout, done.stderr
+
+    status, out, err = ondrel_mcp("list")
+    assert (status, err) == (1, ""), (out, err)
+    assert re.search(r'^verything \("Everything"\): running, \d+ tools\n(  .*\n)*  echo — Echoes back the input string\n',
+                     out, re.M), out
+    assert re.search(r"^fs: running, \d+ tools\n(  .*\n)*  read_text_file — ", out, re.M), out
+    assert ("broken: not running: MCP server 'broken' exited unexpectedly (exit status 3)\n"
+            "  stderr: starting\n  stderr: Error: API_KEY is not set\n"
+            "missing: not running: command not found: ondrel-no-such-mcp-server\n") in out, out
+
+    hello = json.dumps({"path": str(allowed / "hello.txt")})
+    calls = [
+        (["verything", "echo", '{"message": "hi there"}'], 0, r"Echo: hi there\n", ""),
+        (["verything", "get-tiny-image"], 0,
+         r"Here's the image you requested:\nThe image above is the MCP logo.\n\[image: image/png, \d+ bytes\]\n", ""),
+        (["fs", "read_text_file", hello], 0, r"Hello from the filesystem server\n", ""),
+        (["fs", "read_text_file", '{"path": "/etc/hostname"}'], 1, r".*outside allowed directories.*\n", ""),
+        (["broken", "echo"], 1, "", r"broken: not running: .* \(exit status 3\)\n.*  stderr: Error: API_KEY is not set\n"),
+        (["nope", "echo"], 1, "", r"ondrel mcp: unknown MCP server 'nope'\nConfigured servers: verything, fs, broken, missing\n"),
+    ]
+    for args, want_status, want_out, want_err in calls:
+        status, out, err = ondrel_mcp("call", *args)
+        assert status == want_status and re.fullmatch(want_out, out, re.S) and re.fullmatch(want_err, err, re.S), \
+            (args, status, out, err)
+
+
+def memory_kib(pid: int) -> dict[str, int]:
+    """The app's own resident set (now and at its peak) and proportional set size."""
+    found = {}
+    for name, key in (("status", "VmRSS"), ("status", "VmHWM"), ("smaps_rollup", "Pss")):
+        for line in Path(f"/proc/{pid}/{name}").read_text().splitlines():
+            if line.startswith(key + ":"):
+                found[key] = int(line.split()[1])
+    return found
+
+
+@pytest.mark.parametrize("mode, evidence, answer", [
+    ("notify", "more notification(s) not logged: too many at once", {"text": '{"n": 1}'}),
+    ("long-lines", "skipped 1 output line(s) longer than 33554432 bytes", {"text": '{"n": 1}'}),
+    ("deaf", "bytes waiting to be written — the server does not read its input",
+     {"error": "MCP server 'flood' stopped: it does not read its input"}),
+])
+def test_a_flooding_server_neither_stalls_nor_swells_the_app(launch, web, tmp_path, mode, evidence, answer):
+    go = tmp_path / "go"
+    config = {"mcpServers": {"flood": {"command": "/usr/bin/python3", "args": [str(FLOOD_SERVER), mode, str(go)]}}}
+    app, page, _ = start(launch, web, tmp_path, config=config)
+    app.wait_for_log("[MCP flood] started ")
+    before = memory_kib(app.pid)
+
+    for _ in range(5):  # a fresh page's first replies are slow with or without a flood
+        page.call("mcpReadConfig", check_single=False)
+    mark = app.log_mark()
+    go.touch()
+    trips, samples = [], []
+    until = time.monotonic() + 4
+    while time.monotonic() < until:
+        ok, _ = page.call("mcpReadConfig", check_single=False)
+        assert ok
+        trips.append(page.last_ms)
+        samples.append(memory_kib(app.pid))
+    app.wait_for_log(evidence, since=mark)
+    ok, result = page.call("mcpCall", ["flood", "echo", {"n": 1}])
+    assert (ok, result) == (True, answer), "the session goes on after the flood, or the server was stopped"
+
+    trips.sort()
+    peak_rss = max(s["VmRSS"] for s in samples)
+    peak_pss = max(s["Pss"] for s in samples)
+    print(f"\n{mode}: {len(trips)} round trips, median {trips[len(trips) // 2]:.1f} ms, max {trips[-1]:.1f} ms; "
+          f"RSS {before['VmRSS'] // 1024} MiB before, {peak_rss // 1024} MiB at most during; "
+          f"PSS {before['Pss'] // 1024} -> {peak_pss // 1024} MiB; peak RSS ever {samples[-1]['VmHWM'] // 1024} MiB")
+    assert trips[-1] < 100, f"the main loop stalled: {trips[-5:]} ms"
+    assert peak_rss - before["VmRSS"] < 128 * 1024, "memory grew with the flood"

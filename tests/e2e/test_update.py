@@ -1,31 +1,43 @@
 """Self-update, end to end: a packaged AppDir started from a temporary folder
-checks a local update server, downloads, swaps itself and starts again.
+checks a local update server, downloads, verifies, swaps itself and starts
+again.
 
 The releases are built by packaging/make-release (1.0.0 installed, 2.0.0
-offered). Alerts are found as X windows by their titles, read with OCR and
-answered with the keyboard.
+offered), both trusting one minisign key and signed with it. The AppDir
+lives in a folder whose name holds a quote and a blank. Alerts are found as
+X windows by their titles, read with OCR and answered with the keyboard.
 """
 
 from __future__ import annotations
 
 import json
+import os
 import time
 from pathlib import Path
 
 import pytest
 
 import harness
+from bridge_client import BridgeClient
 from harness import App, XWindow, poll
-from releases import (Release, Served, UpdateServer, appdir_entries, kill_tree, make_release, processes_running,
-                      symlink_info, write_zip)
+from releases import (Release, Served, SigningKey, UpdateServer, appdir_entries, kill_tree, make_key, make_release,
+                      processes_running, sign, symlink_info, write_zip)
 
 PAGE = b"<!doctype html><html><head><title>update test</title></head><body>instance</body></html>"
 
 
 @pytest.fixture(scope="session")
-def releases(tmp_path_factory) -> tuple[Release, Release]:
+def keys(tmp_path_factory) -> tuple[SigningKey, SigningKey]:
+    """The releases' key, and another one."""
+    out = tmp_path_factory.mktemp("keys")
+    return make_key(out / "release"), make_key(out / "other")
+
+
+@pytest.fixture(scope="session")
+def releases(tmp_path_factory, keys) -> tuple[Release, Release]:
     out = tmp_path_factory.mktemp("releases")
-    return make_release("1.0.0", "1", out / "1.0.0"), make_release("2.0.0", "7", out / "2.0.0")
+    return (make_release("1.0.0", "1", out / "1.0.0", keys[0]),
+            make_release("2.0.0", "7", out / "2.0.0", keys[0]))
 
 
 @pytest.fixture
@@ -37,15 +49,19 @@ def server():
 
 
 class Rig:
-    """One user: a home folder, release 1.0.0 unpacked in apps/, and a folder
-    beside them that nothing may ever write into."""
+    """One user: a home folder, release 1.0.0 unpacked in apps/, a folder for
+    the archives the server offers, and a folder beside them that nothing may
+    ever write into."""
 
     def __init__(self, launch, base: Path, old: Release, server: UpdateServer):
         self.launch, self.screen, self.server = launch, launch.screen, server
+        self.base = base
         self.home = base / "home"
         self.outside = base / "outside"
         self.outside.mkdir()
-        self.appdir = old.install(base / "apps")
+        self.served = base / "served"
+        self.served.mkdir()
+        self.appdir = old.install(base / "apps" / "Joe's Apps")
         self.executable = self.appdir / "usr" / "bin" / "ondrel"
         self.data = self.home / ".local" / "share" / "ondrel"
         self.record = self.data / "pending-update.json"
@@ -53,10 +69,10 @@ class Rig:
     def config(self, **extra) -> dict:
         return {"server": self.server.url("/page.html"), **extra}
 
-    def start(self, config: dict) -> App:
+    def start(self, config: dict, **kw) -> App:
         """Starts the installed AppDir; every start shares the one home."""
         self.home.mkdir(exist_ok=True)
-        return self.launch(home=self.home, config=config, binary=str(self.appdir / "AppRun"))
+        return self.launch(home=self.home, config=config, binary=str(self.appdir / "AppRun"), **kw)
 
     def schedule(self, version: str, url: str):
         """What "Update on Next Restart" leaves behind."""
@@ -134,7 +150,7 @@ def bar_fill(window: XWindow) -> int:
     return best
 
 
-def test_update_now_downloads_swaps_and_relaunches(rig, server, releases):
+def test_update_now_downloads_swaps_and_relaunches(rig, server, releases, keys):
     old, new = releases
     # Slow enough to watch the bar fill: 24 pieces, 0.1 s apart.
     manifest = server.publish(new, chunks=24, pause=0.1)
@@ -166,20 +182,24 @@ def test_update_now_downloads_swaps_and_relaunches(rig, server, releases):
 
     assert app.wait_exit(20) == 0
     size = len(new.zip_path.read_bytes())
+    key = keys[0]
     for line in (f"[Update] downloaded {rig.data / 'updates' / new.zip_name} ({size} bytes)",
                  f"[Update] verify {new.zip_name} ({size} bytes, magic zip ✓)",
+                 f"[Update] signature ✓ key {key.key_id}, trusted comment “timestamp:",
                  "[Update] unpack exited 0",
                  f"[Update] extracted bundle at {rig.data / 'updates' / 'stage' / 'Ondrel.AppDir'}",
                  f"[Update] swap started; relaunching {rig.appdir}"):
-        assert app.wait_for_log(line, 5) == line
+        assert app.wait_for_log(line, 5).startswith(line)
 
     pid = rig.relaunched()
     window = poll(lambda: next(iter(rig.screen.toplevels(pid=pid, title="Ondrel")), None), 20, 0.1,
                   "the relaunched app shows no window")
     assert rig.executable.read_bytes() == new.binary
-    assert not Path(f"{rig.appdir}.ondrel.bak").exists()
+    assert sorted(p.name for p in rig.appdir.parent.iterdir()) == ["Ondrel.AppDir"]
     assert not (rig.data / "updates" / "stage" / "Ondrel.AppDir").exists()
-    assert (rig.data / "updates" / "install.log").read_text() == ""
+    log = (rig.data / "updates" / "install.log").read_text()
+    assert f"moved {rig.appdir}.ondrel.new to {rig.appdir}\n" in log, log
+    assert f"started {rig.appdir}\n" in log and "failed" not in log, log
     assert "Version 2.0.0 (build 7)" in about_text(rig, window, pid)
 
 
@@ -254,50 +274,128 @@ def test_error_page_is_refused_and_the_progress_window_is_reused(rig, server, re
     assert rig.executable.read_bytes() == old.binary
 
 
-@pytest.mark.parametrize("kind", ["dotdot", "absolute", "symlink"])
-def test_archive_that_climbs_out_writes_nothing_outside(rig, server, releases, kind):
+def refused_archive(kind: str, rig: Rig, releases, keys) -> tuple[Path, str, str, str]:
+    """An archive the installed app must refuse: (archive, version offered,
+    the log line that says why, words of the alert)."""
     old, new = releases
+    key, other = keys
+    # Hostile entries first, then a bundle that would install if they were let through.
     # The staging folder is six levels below the test folder that holds `outside`.
     hostile = {
         "dotdot": [("../../../../../../outside/dotdot.txt", b"escaped")],
         "absolute": [(str(rig.outside / "absolute.txt"), b"escaped")],
         "symlink": [(symlink_info("link"), str(rig.outside).encode()), ("link/through.txt", b"escaped")],
-    }[kind]
-    # Hostile entries first, then a bundle that would install if they were let through.
-    archive = write_zip(rig.home.parent / "hostile.zip", hostile + appdir_entries(new))
-    server.files["/rel/hostile.zip"] = Served(archive.read_bytes())
-    rig.schedule("3.0", server.url("/rel/hostile.zip"))
+    }
+    if kind in hostile:
+        # Signed with the right key: unpacking is the last line of defence.
+        archive = write_zip(rig.served / "hostile.zip", hostile[kind] + appdir_entries(new))
+        sign(archive, key, "version:3.0")
+        return (archive, "3.0", "[Update] unpack exited 1",
+                "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)")
+    if kind == "no_apprun":
+        archive = write_zip(rig.served / "noapprun.zip",
+                            [(info, data) for info, data in appdir_entries(new) if info.filename != "Ondrel.AppDir/AppRun"])
+        sign(archive, key, "version:3.0")
+        return archive, "3.0", "[Update] refused bundle ", "could not be started: it has no AppRun"
+    if kind == "no_bundle":
+        archive = write_zip(rig.served / "nobundle.zip",
+                            [("README.txt", b"release notes"), ("Ondrel/usr/lib/x.so", b"\x7fELF")])
+        sign(archive, key, "version:3.0")
+        return (archive, "3.0", "[Update] unpack exited 0",
+                "did not contain a Ondrel.AppDir bundle to install (unpack exit 0)")
+
+    failed = "[Update] signature check failed: "
+    if kind == "replayed_old_release":
+        # 1.0.0's genuine zip and signature, offered as 3.0.0.
+        archive = rig.served / old.zip_name
+        archive.write_bytes(old.zip_path.read_bytes())
+        Path(f"{archive}.minisig").write_bytes(old.signature.read_bytes())
+        return (archive, "3.0.0", failed + "its signature is for another release (trusted comment “timestamp:",
+                "is for another release")
+    archive = rig.served / new.zip_name
+    data = bytearray(new.zip_path.read_bytes())
+    if kind == "tampered":
+        data[len(data) // 2] ^= 0x01
+        archive.write_bytes(bytes(data))
+        Path(f"{archive}.minisig").write_bytes(new.signature.read_bytes())
+        return archive, "2.0.0", failed + "the archive does not match its signature", "does not match its signature"
+    archive.write_bytes(bytes(data))
+    if kind == "other_key":
+        sign(archive, other, "version:2.0.0")
+        return (archive, "2.0.0", failed + f"it is signed with key {other.key_id}, not with this copy's key {key.key_id}",
+                "is signed with key")
+    assert kind == "no_signature"
+    return (archive, "2.0.0", failed + f"its signature {rig.server.url('/rel/' + new.zip_name)}.minisig could not be "
+            "fetched (HTTP 404)", "could not be fetched (HTTP 404)")
+
+
+@pytest.mark.parametrize("kind", ["tampered", "other_key", "replayed_old_release", "no_signature",
+                                  "dotdot", "absolute", "symlink", "no_bundle", "no_apprun"])
+def test_refused_archive_leaves_the_installed_app_as_it_was(rig, server, releases, keys, kind):
+    old, new = releases
+    archive, version, why, words = refused_archive(kind, rig, releases, keys)
+    rig.schedule(version, server.offer(archive))
     app = rig.start(rig.config(updateEnabled=False))
 
     failed = rig.window(app, "Update Failed")
-    app.wait_for_log("[Update] unpack exited 1")
+    app.wait_for_log(why)
     time.sleep(0.3)
-    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 1)" in read(failed)
+    text = read(failed)
+    assert words in text and "Your current version is unchanged." in text, text
+    updates = rig.data / "updates"
+    if why.startswith("[Update] signature check failed"):
+        assert "The update could not be verified" in text, text
+    if why.startswith(("[Update] signature check failed", "[Update] refused bundle")):
+        assert not (updates / archive.name).exists(), "the download is deleted"
+        assert not (updates / "stage").exists(), "nothing is unpacked"
     assert list(rig.outside.iterdir()) == []
-    assert sorted(p.name for p in rig.home.parent.iterdir()) == ["apps", "home", "hostile.zip", "outside"]
+    assert sorted(p.name for p in rig.base.iterdir()) == ["apps", "home", "outside", "served"]
     failed.focus()
     rig.screen.key("Return")
-    app.main_window()
+    app.main_window()  # the old version goes on
     assert rig.executable.read_bytes() == old.binary
     assert sorted(p.name for p in rig.appdir.parent.iterdir()) == ["Ondrel.AppDir"]
 
 
-def test_archive_without_a_bundle_is_refused(rig, server):
-    archive = write_zip(rig.home.parent / "nobundle.zip",
-                        [("README.txt", b"release notes"), ("Ondrel/usr/lib/x.so", b"\x7fELF")])
-    server.files["/rel/nobundle.zip"] = Served(archive.read_bytes())
-    rig.schedule("3.0", server.url("/rel/nobundle.zip"))
-    app = rig.start(rig.config(updateEnabled=False))
-    failed = rig.window(app, "Update Failed")
-    app.wait_for_log("[Update] unpack exited 0")
-    time.sleep(0.3)
-    text = read(failed)
-    assert "did not contain a Ondrel.AppDir bundle to install (unpack exit 0)" in text, text
-    assert "Your current version is unchanged." in text
-    assert not any("[Update] extracted bundle" in m for m in app.messages())
-    failed.focus()
-    rig.screen.key("Return")
-    app.main_window()
+def test_the_page_is_answered_while_the_update_alert_is_open(launch, web, server):
+    """The alert waits for its answer in the main loop: replies that reach the
+    page through the main thread (here the MCP server list's) still arrive."""
+    server.files["/rel/latest.txt"] = Served(b"99.0\nOndrel-99.0-x86_64.zip\n")
+    bridge = BridgeClient(web)
+    app = launch(bridge.url, config={"updateUrl": server.url("/rel/latest.txt")})
+    bridge.attach(app).wait_ready()
+    alert = poll(lambda: next(iter(app.screen.toplevels(pid=app.pid, title="Ondrel Update Available")), None), 20,
+                 0.1, "no update alert")
+    assert bridge.call("mcpServers", timeout=10) == (True, [])
+    assert alert.is_viewable()
+    alert.focus()
+    app.screen.key("Escape")
+    app.wait_for_log("[Update] deferred by user")
+
+
+def test_a_swap_that_cannot_move_the_new_app_in_starts_the_old_one_again(rig, server, releases):
+    old, new = releases
+    # A `mv` first on PATH that refuses to move the unpacked AppDir, as a
+    # full disk would; the swap script inherits the app's environment.
+    staged = rig.data / "updates" / "stage" / "Ondrel.AppDir"
+    shim = rig.base / "bin"
+    shim.mkdir()
+    (shim / "mv").write_text('#!/bin/sh\n[ "$1" = "$REFUSE" ] && { echo "mv: No space left on device" >&2; exit 1; }\n'
+                             'exec /bin/mv "$@"\n')
+    (shim / "mv").chmod(0o755)
+    env = {"PATH": f"{shim}:{os.environ.get('PATH', '/usr/bin:/bin')}", "REFUSE": str(staged)}
+    rig.schedule(new.version, server.offer(new.zip_path))
+    app = rig.start(rig.config(updateEnabled=False), env=env)
+    app.wait_for_log(f"[Update] swap started; relaunching {rig.appdir}")
+    assert app.wait_exit(20) == 0
+
+    pid = rig.relaunched()
+    poll(lambda: rig.screen.toplevels(pid=pid, title="Ondrel"), 20, 0.1, "the old app shows no window")
+    assert rig.executable.read_bytes() == old.binary
+    assert sorted(p.name for p in rig.appdir.parent.iterdir()) == ["Ondrel.AppDir"]
+    log = (rig.data / "updates" / "install.log").read_text()
+    assert f"failed: moving {staged} to {rig.appdir}.ondrel.new\n" in log, log
+    assert f"started {rig.appdir}\n" in log, log
 
 
 def test_record_with_an_empty_url_is_left_in_place(rig, server):

@@ -1,7 +1,8 @@
 #pragma once
 
 // Records what the updater asks of the UI and of the process, and answers
-// the update alert with a preset choice.
+// the update alert with a preset choice. Like a user, it answers (and closes
+// "Update Failed") later, from the main loop.
 
 #include <glib.h>
 
@@ -11,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/main_thread.h"
 #include "update/update_host.h"
 
 // Runs the main context until the condition holds or the time is up.
@@ -36,14 +38,18 @@ class FakeUpdateHost : public UpdateHost {
   FakeUpdateHost() { setUpdateHost(this); }
   ~FakeUpdateHost() override { setUpdateHost(nullptr); }
 
-  Choice askToUpdate(const std::string& remote, const std::string& current) override {
+  void askToUpdate(const std::string& remote, const std::string& current,
+                   std::function<void(Choice)> answered) override {
     asked.push_back(remote + " over " + current);
-    return choice;
+    runOnMain([answered, c = choice] { answered(c); });
   }
   void showProgress(const std::string& label) override { progressLabels.push_back(label); }
   void setProgress(double fraction) override { fractions.push_back(fraction); }
   void hideProgress() override { ++hides; }
-  void showFailure(const std::string& text) override { failures.push_back(text); }
+  void showFailure(const std::string& text, std::function<void()> dismissed) override {
+    failures.push_back(text);
+    runOnMain(dismissed);
+  }
   void showAbout(const std::string& text) override { abouts.push_back(text); }
   void runEventLoop() override {
     ++loopRuns;

@@ -1,8 +1,9 @@
 #pragma once
 
 // A one-thread HTTP/1.1 server on 127.0.0.1 for tests: each path answers
-// with a fixed status and body, with or without a Content-Length. It keeps
-// the request heads so tests can check what was sent.
+// with a fixed status and body, with or without a Content-Length, and
+// optionally a Location. It keeps the request heads so tests can check
+// what was sent.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -23,6 +24,7 @@ class HttpTestServer {
     int status = 200;
     std::string body;
     bool sendLength = true;  // false: the body ends when the connection closes
+    std::string location;    // sent as the Location header when not empty
   };
 
   HttpTestServer() {
@@ -76,6 +78,7 @@ class HttpTestServer {
         if (auto it = routes_.find(path); it != routes_.end()) reply = it->second;
       }
       std::string out = "HTTP/1.1 " + std::to_string(reply.status) + " X\r\nConnection: close\r\n";
+      if (!reply.location.empty()) out += "Location: " + reply.location + "\r\n";
       if (reply.sendLength) out += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
       out += "\r\n" + reply.body;
       for (size_t sent = 0; sent < out.size();) {

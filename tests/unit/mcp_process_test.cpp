@@ -185,6 +185,7 @@ TEST_F(McpTaskProcess, CommandNotFoundIsLoggedAndLeavesNoChild) {
   auto bare = McpTask::create("ghost", "ondrel-no-such-server-command");
   bare->start();
   EXPECT_TRUE(logged("[MCP ghost] command not found: ondrel-no-such-server-command"));
+  EXPECT_EQ(bare->launchFailure(), "command not found: ondrel-no-such-server-command");
   EXPECT_FALSE(bare->child());
 
   auto absolute = McpTask::create("abs", "/nonexistent/server");
@@ -198,6 +199,7 @@ TEST_F(McpTaskProcess, LaunchFailureIsLogged) {
   auto task = McpTask::create("bad", garbage);
   task->start();
   EXPECT_TRUE(logged("[MCP bad] launch failed: " + garbage + ": Exec format error"));
+  EXPECT_EQ(task->launchFailure(), "launch failed: " + garbage + ": Exec format error");
   EXPECT_FALSE(task->child());
 }
 
@@ -298,7 +300,10 @@ TEST_F(McpTaskProcess, StderrIsDrainedWhileRunningAndLoggedWhole) {
   ASSERT_TRUE(pumpUntil([&] { return response.has_value(); }));
   EXPECT_EQ((*response)["result"], (Json{{"ok", 1}}));
 
+  auto child = task->child();
   task->stop();
-  std::string expected = "[MCP noisy] stderr: " + noise + "\n";
-  EXPECT_TRUE(pumpUntil([&] { return logged(expected); })) << "one line with the whole text, at exit";
+  ASSERT_TRUE(child->waitUntilFinished(5));
+  EXPECT_TRUE(logged("[MCP noisy] stderr: " + noise + "\n")) << "one line with the whole text, at exit";
+  EXPECT_EQ(task->standardError(), noise + "\n");
+  EXPECT_TRUE(task->launchFailure().empty());
 }

@@ -236,13 +236,13 @@ TEST_F(McpRegistry, ListingGivesOneDescriptorPerServerEvenWhenOneFails) {
 TEST_F(McpRegistry, ListingErrorsWithoutAMessage) {
   writeConfig(fakeConfig({{"coded", {{"listError", {{"code", 5}}}}}, {"dead", {{"initSilent", true}}}}));
   ClientMcp::loadConfig();
-  gMcpTasks[1]->stop();  // not running: the client's own error
+  gMcpTasks[1]->stop();  // the client's own error
   Json servers = listAll();
   std::map<std::string, Json> byName;
   for (const auto& s : servers) byName[s["name"]] = s;
   EXPECT_EQ(byName["coded"]["error"], "MCP server failed");
   EXPECT_TRUE(logged("[MCP coded] tools/list failed: {\"code\":5}"));
-  EXPECT_EQ(byName["dead"]["error"], "MCP server 'dead' is not running");
+  EXPECT_EQ(byName["dead"]["error"], "MCP server 'dead' stopped");
 }
 
 TEST_F(McpRegistry, CallingByNamespace) {
@@ -272,6 +272,34 @@ TEST_F(McpRegistry, CallingByNamespace) {
   EXPECT_EQ(call("iles", "t", {{"script", {{{"error", nullptr}}}}}), (Json{{"error", "MCP call failed"}}));
   EXPECT_EQ(call("iles", "t", {{"script", {{{"respond", {{"content", Json::array()}, {"isError", true}}}}}}}),
             (Json{{"isError", true}}));
+}
+
+TEST_F(McpRegistry, ReloadOrQuitAnswersCallsAndListingsInFlight) {
+  struct Case {
+    const char* what;
+    std::function<void(const std::string& config)> end;
+    const char* outcome;
+  };
+  const Case cases[] = {
+      {"saved from the page", [](const std::string& config) { ClientMcp::writeConfig(Json(config)); }, "restarted"},
+      {"edited on disk", [](const std::string&) { ClientMcp::configDidChange(); }, "restarted"},
+      {"the app quits", [](const std::string&) { ClientMcp::shutdown(); }, "stopped"},
+  };
+  for (const auto& c : cases) {
+    // "mute" never finishes its handshake; "busy" would take its time with the call.
+    std::string config = fakeConfig({{"busy", {}}, {"mute", {{"initSilent", true}}}});
+    writeConfig(config);
+    ClientMcp::loadConfig();
+    std::optional<Json> called, listed;
+    ClientMcp::callTool("busy", "t", {{"script", {{{"sleep", 30}}}}}, [&](Json r) { called = std::move(r); });
+    ClientMcp::listServersWithCompletion([&](Json r) { listed = std::move(r); });
+    c.end(config);  // both still in their handshakes
+    ASSERT_TRUE(pumpUntil([&] { return called && listed; }, 5)) << c.what;
+    EXPECT_EQ(*called, (Json{{"error", std::string("MCP server 'busy' ") + c.outcome}})) << c.what;
+    ASSERT_EQ(listed->size(), 2u) << c.what;
+    for (const auto& server : *listed)
+      EXPECT_EQ(server["error"], "MCP server '" + server["name"].get<std::string>() + "' " + c.outcome) << c.what;
+  }
 }
 
 TEST_F(McpRegistry, ShutdownEndsEveryServerAndKeepsTheList) {

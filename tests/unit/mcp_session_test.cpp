@@ -6,14 +6,17 @@
 #include <vector>
 
 #include "base/json.h"
+#include "base/log.h"
+#include "mcp/child_process.h"
 #include "mcp/line_buffer.h"
+#include "mcp/log_rate_limit.h"
 #include "mcp/mcp_task.h"
 #include "mcp_test_support.h"
 
 namespace {
 
 std::vector<std::string> split(const std::vector<std::string>& chunks) {
-  LineBuffer buffer;
+  LineBuffer buffer(1 << 20);
   std::vector<std::string> out;
   for (const auto& chunk : chunks)
     buffer.append(chunk.data(), chunk.size(), [&](std::string_view line) { out.emplace_back(line); });
@@ -36,16 +39,40 @@ TEST(McpLineBuffer, SplitsAtNewlinesAcrossChunksAndSkipsEmptyLines) {
   EXPECT_EQ(split(chunks), std::vector<std::string>{big}) << "a line over several 4096-byte reads comes out once";
 }
 
-TEST(McpLineBuffer, OverlongLineIsDroppedUpToItsNewline) {
-  LineBuffer buffer(16);
-  std::vector<std::string> out;
-  auto feed = [&](const std::string& s) {
-    buffer.append(s.data(), s.size(), [&](std::string_view line) { out.emplace_back(line); });
+// Seconds at which lines arrive, and when the reader looks for a due count:
+// "+" logged, "-" held back, "[n]" n held-back lines reported.
+TEST(McpNotificationLimit, BurstThenPaceThenOneCountPerFlood) {
+  struct Case {
+    const char* what;
+    std::vector<double> lines;
+    std::string trace;
   };
-  feed("0123456789");
-  feed("0123456789");  // past the cap: dropped
-  feed("tail of the long one\nshort\n");
-  EXPECT_EQ(out, std::vector<std::string>{"short"});
+  const Case cases[] = {
+      {"a burst passes whole", {0, 0, 0}, "+++"},
+      {"past the burst, lines are held", {0, 0, 0, 0, 0}, "+++--"},
+      {"the bucket refills at five a second", {0, 0, 0, 0.2, 0.4, 0.41}, "+++++-"},
+      {"the count is reported once, a second after the first held line", {0, 0, 0, 0, 0.1, 0.15, 1.0, 1.1},
+       "+++---[3]++"},
+      {"a refill never exceeds the burst", {0, 0, 0, 100, 100, 100, 100}, "++++++-"},
+  };
+  for (const auto& c : cases) {
+    LogRateLimit limit(5, 3, 1);
+    std::string trace;
+    for (double t : c.lines) {
+      if (size_t due = limit.takeDue(t)) trace += "[" + std::to_string(due) + "]";
+      trace += limit.admit(t) ? "+" : "-";
+    }
+    EXPECT_EQ(trace, c.trace) << c.what;
+  }
+
+  LogRateLimit limit(5, 1, 1);
+  EXPECT_EQ(limit.due(), std::nullopt);
+  limit.admit(10);
+  limit.admit(10.1);
+  limit.admit(10.15);
+  EXPECT_EQ(limit.due(), 11.1) << "due from the first held-back line";
+  EXPECT_EQ(limit.takeAll(), 2u) << "an ended source is owed its count at once";
+  EXPECT_EQ(limit.due(), std::nullopt);
 }
 
 class McpSession : public HomeFixture {
@@ -116,6 +143,40 @@ TEST_F(McpSession, FramingToleratesBlankLinesSplitsAndAFinalLineWithoutNewline) 
   ASSERT_TRUE(pumpUntil([&] { return last->done(); }));
   EXPECT_EQ(last->responses[0]["result"]["n"], 4) << "delivered at end of file, before the exit handling";
   EXPECT_TRUE(pumpUntil([&] { return logged("[MCP fake] subprocess exited / closed stdout"); }));
+}
+
+TEST_F(McpSession, OverlongLineIsSkippedAndTheNextOneCounts) {
+  auto task = McpTask::create("fake", fakeServer());
+  task->setLimits({.outputLine = 1000});
+  task->start();
+  tasks_.push_back(task);
+  // Far more than the cap and than one read: the line is dropped piece by piece.
+  auto outcome = request(*task, scripted({{{"raw", "{\"jsonrpc\":\"2.0\",\"id\":{ID},\"result\":\"" +
+                                                       std::string(20000, 'x') + "\"}\n"}},
+                                          {{"respond", {{"after", true}}}}}));
+  ASSERT_TRUE(pumpUntil([&] { return outcome->done(); }));
+  EXPECT_EQ(outcome->responses[0]["result"], (Json{{"after", true}}));
+  EXPECT_TRUE(logged("[MCP fake] skipped 1 output line(s) longer than 1000 bytes"));
+}
+
+TEST_F(McpSession, ServerThatStopsReadingIsStoppedPastTheBacklog) {
+  auto task = McpTask::create("deaf", fakeServer(), {Json{{"startDelay", 30}}.dump()});
+  task->setLimits({.writeBacklog = 150000});
+  task->start();
+  tasks_.push_back(task);
+  auto child = task->child();
+  // The first fills the pipe, the second still fits the backlog, the third
+  // does not; the fourth comes after the stop.
+  std::vector<std::shared_ptr<Outcome>> outcomes;
+  for (int i = 0; i < 4; ++i)
+    outcomes.push_back(request(*task, Json{{"name", "echo"}, {"arguments", {{"big", std::string(100000, 'b')}}}}));
+  ASSERT_TRUE(pumpUntil([&] {
+    return std::all_of(outcomes.begin(), outcomes.end(), [](auto& o) { return o->done(); });
+  }));
+  Json stopped = {{"message", "MCP server 'deaf' stopped: it does not read its input"}};
+  for (auto& outcome : outcomes) EXPECT_EQ(outcome->responses, (std::vector<Json>{{{"error", stopped}}}));
+  EXPECT_EQ(LogCapture::instance().countStartingWith("[MCP deaf] stopped: "), 1u) << "one line says why";
+  EXPECT_TRUE(child->waitUntilReaped(5));
 }
 
 TEST_F(McpSession, RequestsLargerThanThePipeNeitherBlockNorInterleave) {
@@ -217,58 +278,93 @@ TEST_F(McpSession, RequestToAServerThatNeverStartedFailsAtOnce) {
   EXPECT_EQ(outcome->responses[0], (Json{{"error", {{"message", "MCP server 'ghost' is not running"}}}}));
 }
 
-TEST_F(McpSession, StopDropsOutstandingRequestsWithoutAnswer) {
+TEST_F(McpSession, StopAnswersWhatIsOutstandingAndWhatComesLater) {
   auto task = startFake();
-  auto pending = request(*task, scripted({{{"sleep", 30}}}), 0.5);
+  auto sent = request(*task, scripted({{{"sleep", 30}}}));
   ASSERT_TRUE(pumpUntil([&] { return receivedCount("tools/call") == 1; }));
-  task->stop();
-  pumpFor(1.0);  // past its time-out too
-  EXPECT_TRUE(pending->responses.empty());
+  auto handshaking = std::make_shared<Outcome>();
+  task->callTool("echo", Json::object(), [handshaking](bool, const Json&, const Json& error) {
+    handshaking->responses.push_back(error);
+  });
+  task->stop("restarted");
   auto after = request(*task, Json::object());
-  ASSERT_TRUE(pumpUntil([&] { return after->done(); }));
-  EXPECT_EQ(after->responses[0]["error"]["message"], "MCP server 'fake' is not running");
+  ASSERT_TRUE(pumpUntil([&] { return sent->done() && handshaking->done() && after->done(); }, 2));
+  Json restarted = {{"message", "MCP server 'fake' restarted"}};
+  EXPECT_EQ(sent->responses, (std::vector<Json>{{{"error", restarted}}}));
+  EXPECT_EQ(handshaking->responses, std::vector<Json>{restarted}) << "a call still in its handshake";
+  EXPECT_EQ(after->responses, (std::vector<Json>{{{"error", restarted}}}));
 }
 
-TEST_F(McpSession, EveryServerRequestGetsMethodNotFoundWithItsIdEchoed) {
+TEST_F(McpSession, EveryServerRequestGetsMethodNotFoundWithItsIdEchoedUnlessTooLong) {
+  const std::string longest(McpTask::kMaxEchoedId, 'i');
+  struct Case {
+    Json id;
+    Json replyId;
+    Json error;
+  };
+  const Json notFound = {{"code", -32601}, {"message", "Method not found"}};
+  const std::vector<Case> cases = {
+      {nullptr, nullptr, notFound},
+      {"r-1", "r-1", notFound},
+      {7.5, 7.5, notFound},
+      {longest, longest, notFound},
+      {longest + "i", nullptr, {{"code", -32600}, {"message", "Invalid Request"}}},
+  };
+  std::string lines;
+  for (const auto& c : cases) lines += Json{{"jsonrpc", "2.0"}, {"id", c.id}, {"method", "ping"}}.dump() + "\n";
   auto task = startFake();
-  auto outcome = request(*task, scripted({{{"raw", "{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"ping\"}\n"
-                                                   "{\"jsonrpc\":\"2.0\",\"id\":\"r-1\",\"method\":\"roots/list\"}\n"
-                                                   "{\"jsonrpc\":\"2.0\",\"id\":7.5,\"method\":\"sampling/createMessage\","
-                                                   "\"params\":{}}\n"}},
-                                          {{"respond", Json::object()}}}));
+  auto outcome = request(*task, scripted({{{"raw", lines}}, {{"respond", Json::object()}}}));
   ASSERT_TRUE(pumpUntil([&] { return outcome->done(); }));
   std::vector<Json> replies;
   ASSERT_TRUE(pumpUntil([&] {
     replies.clear();
-    for (const auto& m : received())
+    for (auto m : received())
       if (m.contains("error")) replies.push_back(m);
-    return replies.size() == 3;
+    return replies.size() == cases.size();
   }));
-  std::vector<Json> ids;
-  for (const auto& r : replies) {
-    EXPECT_EQ(r["jsonrpc"], "2.0");
-    EXPECT_EQ(r["error"], (Json{{"code", -32601}, {"message", "Method not found"}}));
-    EXPECT_FALSE(r.contains("method"));
-    ids.push_back(r["id"]);
-  }
-  EXPECT_EQ(ids, (std::vector<Json>{nullptr, "r-1", 7.5}));
+  for (size_t i = 0; i < cases.size(); ++i)
+    EXPECT_EQ(replies[i], (Json{{"jsonrpc", "2.0"}, {"id", cases[i].replyId}, {"error", cases[i].error}})) << i;
 }
 
-TEST_F(McpSession, NotificationsWithAMessageAreLogged) {
+TEST_F(McpSession, NotificationsWithAMessageAreLoggedShortened) {
   auto task = startFake("note");
-  auto outcome = request(
-      *task, scripted({{{"raw", "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/message\",\"params\":{\"message\":\"hello\"}}\n"
-                                "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/message\",\"params\":{\"message\":\"\"}}\n"
-                                "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/progress\",\"params\":{\"message\":3}}\n"
-                                "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/odd\",\"params\":[\"message\"]}\n"
-                                "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/tools/list_changed\"}\n"}},
-                       {{"respond", Json::object()}}}));
+  std::string longText(10000, 'n');
+  auto note = [](const Json& params, const std::string& method = "notifications/message") {
+    return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump() + "\n";
+  };
+  auto outcome = request(*task, scripted({{{"raw", note({{"message", "hello"}}) + note({{"message", ""}}) +
+                                                       note({{"message", 3}}, "notifications/progress") +
+                                                       note(Json::array({"message"})) + note({{"message", longText}})}},
+                                          {{"respond", Json::object()}}}));
   ASSERT_TRUE(pumpUntil([&] { return outcome->done(); }));
-  size_t fromServer = 0;
-  for (const auto& line : LogCapture::instance().lines())
-    if (line.rfind("[MCP note] ", 0) == 0 && line.find("started") == std::string::npos) ++fromServer;
   EXPECT_TRUE(logged("[MCP note] hello"));
-  EXPECT_EQ(fromServer, 1u) << "empty, non-string and missing messages are not logged";
+  EXPECT_TRUE(logged("[MCP note] " + abbreviateForLog(longText)));
+  EXPECT_EQ(LogCapture::instance().countStartingWith("[MCP note] "), 3u)
+      << "started, hello and the long one: empty, non-string and missing messages are not logged";
+}
+
+TEST_F(McpSession, NotificationFloodIsCountedNotLogged) {
+  auto task = startFake("flood");
+  const int total = 5000;
+  std::string flood;
+  for (int i = 0; i < total; ++i)
+    flood += "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/message\",\"params\":{\"message\":\"n" +
+             std::to_string(i) + "\"}}\n";
+  auto outcome = request(*task, scripted({{{"raw", flood}}, {{"respond", Json::object()}}}));
+  ASSERT_TRUE(pumpUntil([&] { return outcome->done(); }));
+  auto held = [] {
+    size_t sum = 0;
+    for (const auto& line : LogCapture::instance().lines())
+      if (size_t at = line.find(" more notification(s) not logged: too many at once"); at != std::string::npos)
+        sum += std::stoul(line.substr(line.rfind(' ', at - 1) + 1));
+    return sum;
+  };
+  size_t logged = 0;
+  ASSERT_TRUE(pumpUntil([&] {
+    logged = LogCapture::instance().countStartingWith("[MCP flood] n");
+    return logged + held() == total;
+  })) << "each notification is either logged or counted, the count a second after the flood";
+  EXPECT_LE(logged, 25u);
 }
 
 TEST_F(McpSession, HandshakeSendsInitializeThenInitialized) {

@@ -10,9 +10,11 @@
 #include "update/about.h"
 #include "update/begin_update.h"
 #include "update/downloader.h"
+#include "update/http_get.h"
 #include "update/pending_update.h"
 #include "update/update_check.h"
 #include "update/update_paths.h"
+#include "update/update_transfer.h"
 #include "update/version.h"
 #include "zip_builder.h"
 
@@ -34,6 +36,47 @@ TEST(UpdateDownload, DestinationIsTheLastUrlComponent) {
   EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/.."), "/u/Ondrel.zip");
   EXPECT_EQ(ondrelProgressLabel("2.1"), "Updating to 2.1…");
   EXPECT_EQ(ondrelProgressLabel(""), "Downloading update…");
+}
+
+TEST(UpdateTransport, PlainHttpOnlyFromThisMachine) {
+  struct Case {
+    const char* url;
+    const char* refusal;  // "" when the URL may be fetched
+  };
+  for (const Case& c : std::vector<Case>{
+           {"https://updates.example.org/rel/latest.txt", ""},
+           {"HTTPS://Updates.Example.org:8443/a.zip", ""},
+           {"http://127.0.0.1:8080/rel/latest.txt", ""},
+           {"http://LocalHost/a.zip", ""},
+           {"http://[::1]:9/a.zip.minisig", ""},
+           {"http://updates.example.org/rel/latest.txt", "is plain http"},
+           {"http://127.0.0.1.nip.io/a.zip", "is plain http"},
+           {"http://localhost.example.org/a.zip", "is plain http"},
+           {"http://127.0.0.1@updates.example.org/a.zip", "is plain http"},  // the host comes after the @
+           {"http://updates.example.org#@127.0.0.1/a.zip", "is plain http"},
+           {"ftp://127.0.0.1/a.zip", "is not an https address"},
+           {"file:///tmp/a.zip", "is not an https address"},
+           {"127.0.0.1/a.zip", "is not an https address"},
+       }) {
+    auto refusal = ondrelUpdateURLRefusal(c.url);
+    if (!*c.refusal) {
+      EXPECT_EQ(refusal, std::nullopt) << c.url;
+      continue;
+    }
+    ASSERT_TRUE(refusal) << c.url;
+    EXPECT_EQ(refusal->rfind(std::string("“") + c.url + "” " + c.refusal, 0), 0u) << *refusal;
+  }
+}
+
+TEST(UpdateTransport, RedirectsNeverLeadOntoPlainHttp) {
+  HttpTestServer server;
+  server.route("/latest.txt", {302, "", true, server.url("/moved.txt")});
+  server.route("/moved.txt", {200, "99.0\na.zip\n"});
+  HttpAnswer answer = ondrelHttpGet(server.url("/latest.txt"));
+  EXPECT_FALSE(answer.ok);
+  EXPECT_EQ(answer.error,
+            "refused a redirect to “" + server.url("/moved.txt") + "”: update files are only followed to https");
+  EXPECT_EQ(server.requests().size(), 1u) << "the plain-http target is never asked";
 }
 
 // The downloader against a real socket: what lands on disk and which
@@ -102,17 +145,28 @@ TEST_F(DownloaderTest, AnErrorPageIsSavedLikeAnArchive) {
   EXPECT_EQ(readText(dest_), "<html>no such page</html>");
 }
 
-TEST_F(DownloaderTest, NetworkAndDiskFailuresAreReported) {
-  auto refused = download("http://127.0.0.1:1/a.zip");
-  ASSERT_TRUE(refused.error);
-  EXPECT_FALSE(refused.error->empty());
-  EXPECT_FALSE(fs::exists(dest_));
-
-  dest_ = dir_.path() / "missing-folder/a.zip";
+TEST_F(DownloaderTest, RefusedAndFailedTransfersAreReported) {
   server_.route("/a.zip", {200, "PK"});
-  auto noFolder = download(server_.url("/a.zip"));
-  ASSERT_TRUE(noFolder.error);
-  EXPECT_NE(noFolder.error->find("missing-folder"), std::string::npos) << *noFolder.error;
+  server_.route("/moved.zip", {302, "", true, server_.url("/a.zip")});
+  struct Case {
+    std::string url;
+    fs::path dest;
+    std::string inError;  // "" when any reason will do
+  };
+  for (const Case& c : std::vector<Case>{
+           {"http://127.0.0.1:1/a.zip", dest_, ""},  // nothing listens there
+           {"http://updates.example.org/a.zip", dest_, "“http://updates.example.org/a.zip” is plain http"},
+           {server_.url("/moved.zip"), dest_, "refused a redirect to"},
+           {server_.url("/a.zip"), dir_.path() / "missing-folder/a.zip", "missing-folder"},
+       }) {
+    SCOPED_TRACE(c.url);
+    dest_ = c.dest;
+    auto outcome = download(c.url);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_FALSE(outcome.error->empty());
+    EXPECT_NE(outcome.error->find(c.inError), std::string::npos) << *outcome.error;
+    EXPECT_TRUE(fs::is_empty(dir_.path())) << "nothing is left behind";
+  }
 }
 
 // The whole check → choice → download → install path with a fake UI.
@@ -140,7 +194,7 @@ class UpdateFlowTest : public ::testing::Test {
   FakeUpdateHost host_;
 };
 
-TEST_F(UpdateFlowTest, DisabledUpdatesNeverAsk) {
+TEST_F(UpdateFlowTest, DisabledOrRefusedUpdatesAreNeverFetched) {
   serveManifest("99.0\na.zip\n");
   home_.writeConfig(R"({"updateEnabled": false, "updateUrl": ")" + server_.url("/rel/latest.txt") + R"("})");
   ondrelCheckForUpdates();
@@ -148,6 +202,10 @@ TEST_F(UpdateFlowTest, DisabledUpdatesNeverAsk) {
   home_.writeConfig(R"({"updateBaseUrl": "ftp://nowhere"})");
   ondrelCheckForUpdates();
   EXPECT_TRUE(logged("[Update] no update URL configured — skipping check"));
+  home_.writeConfig(R"({"updateBaseUrl": "http://updates.example.org"})");
+  ondrelCheckForUpdates();
+  EXPECT_TRUE(logged("[Update] “http://updates.example.org/releases/linux/latest.txt” is plain http, which the updater "
+                     "accepts only from this machine (127.0.0.1, ::1, localhost) — skipping check"));
   EXPECT_TRUE(server_.requests().empty());
 }
 
@@ -168,13 +226,13 @@ TEST_F(UpdateFlowTest, LaterAndNextRestartAnswers) {
   host_.choice = UpdateHost::Choice::Later;
   check();
   EXPECT_EQ(host_.asked, (std::vector<std::string>{"99.1 over " + ondrelCurrentVersion()}));
-  EXPECT_TRUE(logged("[Update] deferred by user"));
+  EXPECT_TRUE(spinUntil([&] { return logged("[Update] deferred by user"); }));
   EXPECT_FALSE(fs::exists(ondrelPendingUpdatePath()));
 
   host_.choice = UpdateHost::Choice::NextRestart;
-  check();
-  ASSERT_TRUE(spinUntil([&] { return host_.asked.size() == 2; }));
-  EXPECT_TRUE(logged("[Update] scheduled version 99.1 for next restart"));
+  ondrelCheckForUpdates();
+  ASSERT_TRUE(spinUntil([&] { return logged("[Update] scheduled version 99.1 for next restart"); }));
+  EXPECT_EQ(host_.asked.size(), 2u);
   auto record = ondrelReadPendingUpdate(ondrelPendingUpdatePath());
   ASSERT_TRUE(record);
   EXPECT_EQ(record->version, "99.1");
@@ -220,16 +278,26 @@ TEST_F(UpdateFlowTest, ScheduledUpdateIsRemovedFirstAndAFailureGoesOnWithTheStar
   EXPECT_TRUE(host_.exits.empty());
 }
 
-TEST_F(UpdateFlowTest, FailedDownloadShowsWhyAndStopsTheDeferredLoop) {
-  ASSERT_TRUE(ondrelWritePendingUpdate(ondrelPendingUpdatePath(), "", "http://127.0.0.1:1/Ondrel.zip"));
-  ondrelApplyScheduledUpdate();
-  EXPECT_TRUE(logged("[Update] applying scheduled update  (http://127.0.0.1:1/Ondrel.zip)"));
-  EXPECT_EQ(host_.progressLabels, (std::vector<std::string>{"Downloading update…"}));
-  ASSERT_EQ(host_.failures.size(), 1u);
-  EXPECT_EQ(host_.failures[0].rfind("Could not download the update:\n", 0), 0u);
-  EXPECT_NE(host_.failures[0].find("\n\nYour current version is unchanged."), std::string::npos);
-  EXPECT_TRUE(loggedPrefix("[Update] download failed: "));
-  EXPECT_EQ(host_.loopStops, 1);
+TEST_F(UpdateFlowTest, FailedOrRefusedDownloadShowsWhyAndStopsTheDeferredLoop) {
+  struct Case {
+    std::string url, why;  // why: how the reason begins, "" when any will do
+  };
+  const std::vector<Case> cases = {
+      {"http://127.0.0.1:1/Ondrel.zip", ""},
+      {"http://updates.example.org/Ondrel.zip", "“http://updates.example.org/Ondrel.zip” is plain http"},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(cases[i].url);
+    ASSERT_TRUE(ondrelWritePendingUpdate(ondrelPendingUpdatePath(), "", cases[i].url));
+    ondrelApplyScheduledUpdate();
+    EXPECT_TRUE(logged("[Update] applying scheduled update  (" + cases[i].url + ")"));
+    EXPECT_TRUE(loggedPrefix("[Update] download failed: " + cases[i].why));
+    ASSERT_EQ(host_.failures.size(), i + 1);
+    EXPECT_EQ(host_.failures[i].rfind("Could not download the update:\n" + cases[i].why, 0), 0u) << host_.failures[i];
+    EXPECT_NE(host_.failures[i].find("\n\nYour current version is unchanged."), std::string::npos);
+    EXPECT_EQ(host_.loopStops, static_cast<int>(i + 1));
+  }
+  EXPECT_EQ(host_.progressLabels, (std::vector<std::string>(2, "Downloading update…")));
 }
 
 TEST_F(UpdateFlowTest, RecordsWithoutAUrlAreLeftAlone) {
@@ -251,18 +319,19 @@ TEST_F(UpdateFlowTest, RecordsWithoutAUrlAreLeftAlone) {
 TEST_F(UpdateFlowTest, AboutTextShowsVersionServerAndUpdateSource) {
   const std::string head = "\n\nVersion 1.4 (build 12)\nInstance Server: team.on.x.example\nUpdate Source: ";
   home_.writeConfig(R"({"updateUrl": "https://Updates.Example.org:8443/m/latest.txt"})");
-  std::string text = ondrelAboutText("1.4", "12", "https://Team.on.x.example/");
+  std::string text = ondrelAboutText("1.4", "12", "https://Team.on.x.example/", true);
   EXPECT_EQ(text.substr(text.find("\n\n")), head + "updates.example.org");
   EXPECT_EQ(text.find('\n'), text.find("\n\n")) << "a one-line tagline comes first";
 
   home_.writeConfig(R"({"updateEnabled": false, "updateUrl": "https://u.example/latest.txt"})");
-  text = ondrelAboutText("", "", std::nullopt);
+  text = ondrelAboutText("", "", std::nullopt, true);
   EXPECT_EQ(text.substr(text.find("\n\n")),
             "\n\nVersion 0.0.0 (build )\nInstance Server: —\nUpdate Source: disabled");
 
   home_.writeConfig(R"({"updateBaseUrl": "ftp://x"})");
-  text = ondrelAboutText("1", "1", "not a url");
-  EXPECT_NE(text.find("Instance Server: —\nUpdate Source: disabled"), std::string::npos);
+  text = ondrelAboutText("1", "1", "not a url", false);
+  EXPECT_EQ(text.substr(text.find("\n\n")), "\n\nVersion 1 (build 1)\nInstance Server: —\nUpdate Source: disabled\n"
+                                               "Updates are not signature-checked.");
 
   ondrelShowAbout(std::nullopt);
   EXPECT_EQ(host_.abouts.size(), 1u);

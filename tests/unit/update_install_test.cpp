@@ -1,12 +1,16 @@
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
 
 #include "home_override.h"
+#include "http_test_server.h"
 #include "log_capture.h"
+#include "minisign_tool.h"
 #include "test_files.h"
 #include "update/bundle_search.h"
 #include "update/install.h"
@@ -103,46 +107,96 @@ TEST(BundleSearch, RunningBundleIsTheAppDirAroundUsrBin) {
   EXPECT_EQ(ondrelBundleOfExecutable(""), std::nullopt);
 }
 
-TEST(SwapScript, TextIsFixed) {
-  EXPECT_EQ(ondrelSwapScriptText("/a/Ondrel.AppDir", "/s/stage/Ondrel.AppDir", "/s/install.log"),
-            "#!/bin/sh\n"
-            "sleep 1\n"
-            "APP='/a/Ondrel.AppDir'\n"
-            "NEW='/s/stage/Ondrel.AppDir'\n"
-            "BAK=\"$APP.ondrel.bak\"\n"
-            "{\n"
-            "  rm -rf \"$BAK\"\n"
-            "  [ -d \"$APP\" ] && mv \"$APP\" \"$BAK\"\n"
-            "  mv \"$NEW\" \"$APP\"\n"
-            "  rm -rf \"$BAK\"\n"
-            "  setsid \"$APP/AppRun\" </dev/null >/dev/null 2>&1 &\n"
-            "  exit 0\n"
-            "} >>\"/s/install.log\" 2>&1 || {\n"
-            "  [ -d \"$BAK\" ] && [ ! -d \"$APP\" ] && mv \"$BAK\" \"$APP\"\n"
-            "}\n");
-}
+// Runs the swap script as the app leaves it, with a `mv` first on PATH that
+// fails for one chosen source, so each move can be made to fail in turn.
+// Every path holds a quote, blanks, a newline and shell syntax.
+class SwapScriptTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeText(bin_ / "mv",
+              "#!/bin/sh\n"
+              "if [ \"$1\" = \"$FAIL_MV_FROM\" ]; then echo \"mv: refusing to move $1\" >&2; exit 1; fi\n"
+              "exec /bin/mv \"$@\"\n");
+    fs::permissions(bin_ / "mv", fs::perms::owner_all);
+    writeText(log_, "earlier\n");
+  }
+  void appDir(const fs::path& where, const std::string& who) {
+    writeText(where / "usr/bin/ondrel", who);
+    writeText(where / "AppRun", "#!/bin/sh\necho " + who + " >> \"$STARTED\"\n");
+    fs::permissions(where / "AppRun", fs::perms::owner_all);
+  }
+  // The exit status of the script.
+  int swap(const std::string& failFrom) {
+    writeText(script_, ondrelSwapScriptText(app_, new_, log_, goneProcess()));
+    gchar** env = g_get_environ();
+    env = g_environ_setenv(env, "PATH", (bin_.string() + ":" + g_environ_getenv(env, "PATH")).c_str(), TRUE);
+    env = g_environ_setenv(env, "FAIL_MV_FROM", failFrom.c_str(), TRUE);
+    env = g_environ_setenv(env, "STARTED", started_.c_str(), TRUE);
+    const gchar* argv[] = {"/bin/sh", script_.c_str(), nullptr};
+    gint status = -1;
+    EXPECT_TRUE(g_spawn_sync(nullptr, const_cast<gchar**>(argv), env, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr,
+                             nullptr, &status, nullptr));
+    g_strfreev(env);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // Which AppDir the script started; it runs in the background.
+  std::string started() {
+    for (int i = 0; i < 500 && readText(started_).empty(); ++i) usleep(10000);
+    return readText(started_);
+  }
+  // The id of a process that has ended: the script finds the app gone.
+  static pid_t goneProcess() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    waitpid(pid, nullptr, 0);
+    return pid;
+  }
 
-TEST(SwapScript, SwapsTheBundlesAndStartsTheNewOne) {
-  TempDir dir;
-  const fs::path app = dir.path() / "apps/Ondrel.AppDir", next = dir.path() / "stage/Ondrel.AppDir";
-  const fs::path marker = dir.path() / "started", log = dir.path() / "install.log";
-  writeText(app / "usr/bin/ondrel", "old");
-  writeText(next / "usr/bin/ondrel", "new");
-  writeText(next / "AppRun", "#!/bin/sh\necho \"$0\" > '" + marker.string() + "'\n");
-  fs::permissions(next / "AppRun", fs::perms::owner_all);
-  writeText(log, "earlier\n");
-  writeText(dir.path() / "swap.sh", ondrelSwapScriptText(app, next, log));
+  TempDir dir_;
+  const fs::path bin_ = dir_.path() / "bin", log_ = dir_.path() / "install.log";
+  const fs::path started_ = dir_.path() / "started", script_ = dir_.path() / "swap.sh";
+  const fs::path apps_ = dir_.path() / "it's a \"folder\"\nwith $HOME `id` \\ in it";
+  const fs::path app_ = apps_ / "Ondrel.AppDir", new_ = dir_.path() / "stage" / "Ondrel.AppDir";
+};
 
-  ASSERT_EQ(std::system(("/bin/sh '" + (dir.path() / "swap.sh").string() + "'").c_str()), 0);
-  for (int i = 0; i < 200 && !fs::exists(marker); ++i) usleep(10000);  // AppRun runs in the background
-  EXPECT_EQ(readText(app / "usr/bin/ondrel"), "new");
-  EXPECT_FALSE(fs::exists(next));
-  EXPECT_FALSE(fs::exists(dir.path() / "apps/Ondrel.AppDir.ondrel.bak"));
-  EXPECT_EQ(treeOf(dir.path() / "apps"), (std::vector<std::string>{"Ondrel.AppDir", "Ondrel.AppDir/AppRun",
-                                                                    "Ondrel.AppDir/usr", "Ondrel.AppDir/usr/bin",
-                                                                    "Ondrel.AppDir/usr/bin/ondrel"}));
-  EXPECT_EQ(readText(marker), (app / "AppRun").string() + "\n");
-  EXPECT_EQ(readText(log), "earlier\n") << "the log is appended to, never truncated";
+TEST_F(SwapScriptTest, TheInstalledAppDirIsDeletedOnlyOnceTheNewOneIsInItsPlace) {
+  const std::string bak = app_.string() + ".ondrel.bak", next = app_.string() + ".ondrel.new";
+  struct Case {
+    const char* what;
+    std::string failFrom;  // the source whose move fails
+    bool leftovers;        // an earlier swap left its backup and copy behind
+    std::string after;     // the AppDir in place afterwards, and the one started
+  };
+  for (const Case& c : std::vector<Case>{
+           {"every move works", "", false, "new"},
+           {"leftovers of an earlier swap are cleared first", "", true, "new"},
+           {"copying the new AppDir beside the installed one fails", new_.string(), false, "old"},
+           {"moving the installed AppDir aside fails", app_.string(), false, "old"},
+           {"moving the new AppDir into place fails", next, true, "old"},
+       }) {
+    SCOPED_TRACE(c.what);
+    fs::remove_all(apps_);
+    fs::remove_all(new_);
+    fs::remove(started_);
+    appDir(app_, "old");
+    appDir(new_, "new");
+    if (c.leftovers) {
+      writeText(fs::path(bak) / "usr/bin/ondrel", "stale");
+      writeText(fs::path(next) / "usr/bin/ondrel", "stale");
+    }
+
+    EXPECT_EQ(swap(c.failFrom), c.after == "new" ? 0 : 1);
+    EXPECT_EQ(readText(app_ / "usr/bin/ondrel"), c.after);
+    EXPECT_EQ(started(), c.after + "\n");
+    EXPECT_EQ(treeOf(apps_), (std::vector<std::string>{"Ondrel.AppDir", "Ondrel.AppDir/AppRun", "Ondrel.AppDir/usr",
+                                                        "Ondrel.AppDir/usr/bin", "Ondrel.AppDir/usr/bin/ondrel"}))
+        << "no backup and no copy left beside it";
+    const std::string log = readText(log_);
+    EXPECT_EQ(log.rfind("earlier\n", 0), 0u) << "the log is appended to";
+    EXPECT_EQ(log.find("failed: ") != std::string::npos, c.after == "old") << log;
+    EXPECT_NE(log.find("started " + app_.string() + "\n"), std::string::npos) << log;
+    writeText(log_, "earlier\n");
+  }
 }
 
 // Extraction must keep every write inside the staging folder, whatever
@@ -228,12 +282,13 @@ class PrepareInstallTest : public ::testing::Test {
   }
   HomeOverride home_;
   const std::string exe_ = "/home/u/Apps/Ondrel.AppDir/usr/bin/ondrel";
+  const ArchiveTrust unsigned_;
 };
 
 TEST_F(PrepareInstallTest, ErrorPageIsNotAZip) {
   std::string page = (home_.path() / "Ondrel.zip").string();
   writeText(page, "<html>404 Not Found</html>");
-  auto plan = ondrelPrepareInstall(page, exe_);
+  auto plan = ondrelPrepareInstall(page, exe_, unsigned_);
   EXPECT_EQ(plan.failure, ondrelNotAZipText(26));
   EXPECT_NE(plan.failure.find("The downloaded file (26 bytes) is not a valid zip archive."), std::string::npos);
   EXPECT_EQ(updateLines(), (std::vector<std::string>{"[Update] verify Ondrel.zip (26 bytes, magic NOT A ZIP)"}));
@@ -241,7 +296,7 @@ TEST_F(PrepareInstallTest, ErrorPageIsNotAZip) {
 }
 
 TEST_F(PrepareInstallTest, ArchiveWithoutBundleFailsAfterUnpacking) {
-  auto plan = ondrelPrepareInstall(archive({{"README", ZipEntry::File, "hi"}}), exe_);
+  auto plan = ondrelPrepareInstall(archive({{"README", ZipEntry::File, "hi"}}), exe_, unsigned_);
   EXPECT_EQ(plan.failure, ondrelNoBundleText(0));
   auto lines = updateLines();
   ASSERT_EQ(lines.size(), 2u);
@@ -253,7 +308,7 @@ TEST_F(PrepareInstallTest, StagingIsEmptiedFirstAndAHostileArchiveFails) {
   writeText(fs::path(ondrelStageDir()) / "Old.AppDir/usr/bin/ondrel", "stale");
   auto entries = appDirEntries("Ondrel.AppDir");
   entries.push_back({"../../escape.txt", ZipEntry::File, "evil"});
-  auto plan = ondrelPrepareInstall(archive(entries), exe_);
+  auto plan = ondrelPrepareInstall(archive(entries), exe_, unsigned_);
   EXPECT_EQ(plan.failure, ondrelNoBundleText(1));
   EXPECT_FALSE(fs::exists(fs::path(ondrelStageDir()) / "Old.AppDir"));
   EXPECT_FALSE(fs::exists(fs::path(ondrelUpdatesDir()) / "escape.txt"));
@@ -262,18 +317,54 @@ TEST_F(PrepareInstallTest, StagingIsEmptiedFirstAndAHostileArchiveFails) {
 }
 
 TEST_F(PrepareInstallTest, ABuildOutsideAnAppDirCannotReplaceItself) {
-  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), "/work/build/ondrel");
+  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), "/work/build/ondrel", unsigned_);
   EXPECT_EQ(plan.failure, kNotInstalledText);
   EXPECT_FALSE(fs::exists(ondrelSwapScriptPath()));
 }
 
+// A bundle that would not start once swapped in is refused before any
+// swap, and nothing of it stays: no archive, no staging folder, no script.
+TEST_F(PrepareInstallTest, ABundleThatCouldNotStartIsDeletedUnswapped) {
+  const std::string appRun = "Ondrel.AppDir/AppRun", binary = "Ondrel.AppDir/usr/bin/ondrel";
+  struct Case {
+    std::string entry;      // the entry changed ...
+    ZipEntry replacement;   // ... into this; an empty name drops it
+    std::string defect;
+  };
+  for (const Case& c : std::vector<Case>{
+           {appRun, {}, "it has no AppRun"},
+           {appRun, {appRun, ZipEntry::File, "#!/bin/sh\n", 0644}, "its AppRun is not executable"},
+           {appRun, {appRun, ZipEntry::Symlink, "usr/bin/ondrel"}, "its AppRun is not a regular file"},
+           {binary, {"Ondrel.AppDir/usr/bin/other", ZipEntry::File, "x", 0755}, "it has no usr/bin/ondrel"},
+           {binary, {binary, ZipEntry::File, "\x7f" "ELF", 0600}, "its usr/bin/ondrel is not executable"},
+           {binary, {binary, ZipEntry::Symlink, "/bin/sh"}, "its usr/bin/ondrel is not a regular file"},
+       }) {
+    SCOPED_TRACE(c.defect);
+    LogCapture::instance().clear();
+    auto entries = appDirEntries("Ondrel.AppDir");
+    for (auto it = entries.begin(); it != entries.end(); ++it) {
+      if (it->name != c.entry) continue;
+      if (c.replacement.name.empty()) entries.erase(it);
+      else *it = c.replacement;
+      break;
+    }
+    const std::string zip = archive(entries);
+    auto plan = ondrelPrepareInstall(zip, exe_, unsigned_);
+    EXPECT_EQ(plan.failure, ondrelUnstartableBundleText(c.defect));
+    EXPECT_EQ(updateLines().back(), "[Update] refused bundle " + ondrelStageDir() + "/Ondrel.AppDir: " + c.defect);
+    EXPECT_FALSE(fs::exists(ondrelStageDir()));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_FALSE(fs::exists(ondrelSwapScriptPath()));
+  }
+}
+
 TEST_F(PrepareInstallTest, GoodArchiveWritesTheSwapScript) {
-  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), exe_);
+  auto plan = ondrelPrepareInstall(archive(appDirEntries("Ondrel.AppDir")), exe_, unsigned_);
   ASSERT_EQ(plan.failure, "");
   const std::string bundle = ondrelStageDir() + "/Ondrel.AppDir";
   EXPECT_EQ(plan.runningBundle, "/home/u/Apps/Ondrel.AppDir");
   EXPECT_EQ(plan.scriptPath, ondrelSwapScriptPath());
-  EXPECT_EQ(readText(plan.scriptPath), ondrelSwapScriptText(plan.runningBundle, bundle, ondrelInstallLogPath()));
+  EXPECT_TRUE(fs::is_regular_file(plan.scriptPath));
   EXPECT_EQ(updateLines(), (std::vector<std::string>{
                                "[Update] verify Ondrel-2.0-x86_64.zip (" +
                                    std::to_string(fs::file_size(home_.path() / "Ondrel-2.0-x86_64.zip")) +
@@ -281,6 +372,54 @@ TEST_F(PrepareInstallTest, GoodArchiveWritesTheSwapScript) {
                                "[Update] unpack exited 0\n(no output)",
                                "[Update] extracted bundle at " + bundle,
                            }));
+}
+
+// A build with a key unpacks only an archive whose signature, fetched from
+// beside it, verifies and names the offered version; anything else is
+// deleted unopened.
+TEST_F(PrepareInstallTest, SignedBuildsUnpackOnlyArchivesSignedForTheOfferedVersion) {
+  MinisignTool tool;
+  tool.makeKey("release");
+  HttpTestServer server;
+  struct Case {
+    const char* what;
+    std::string comment;  // signed into the trusted comment; "" serves no signature
+    bool tamper;          // one byte of the archive changed after signing
+    std::string reason;   // "" when it installs
+  };
+  for (const Case& c : std::vector<Case>{
+           {"signed for the offered version", "timestamp:1\tfile:Ondrel-2.0-x86_64.zip\tversion:2.0", false, ""},
+           {"no signature", "", false, "its signature " + server.url("/r/a.zip.minisig") +
+                                           " could not be fetched (HTTP 404)"},
+           {"signed for another version", "version:1.0", false,
+            "its signature is for another release (trusted comment “version:1.0”), not for version 2.0"},
+           {"changed after signing", "version:2.0", true, "the archive does not match its signature"},
+       }) {
+    SCOPED_TRACE(c.what);
+    LogCapture::instance().clear();
+    fs::remove_all(ondrelStageDir());
+    const std::string zip = archive(appDirEntries("Ondrel.AppDir"));
+    server.route("/r/a.zip.minisig", c.comment.empty() ? HttpTestServer::Reply{404, "<html>gone</html>"}
+                                                       : HttpTestServer::Reply{200, tool.sign("release", zip, c.comment)});
+    if (c.tamper) {
+      std::string bytes = readText(zip);
+      bytes[bytes.size() / 2] ^= 0x20;
+      writeText(zip, bytes);
+    }
+    auto plan = ondrelPrepareInstall(zip, exe_, {tool.keyLine("release"), "2.0", server.url("/r/a.zip.minisig")});
+    if (c.reason.empty()) {
+      EXPECT_EQ(plan.failure, "");
+      EXPECT_TRUE(fs::is_directory(ondrelStageDir() + "/Ondrel.AppDir"));
+      EXPECT_EQ(updateLines().at(1), "[Update] signature ✓ key " + tool.keyId("release") + ", trusted comment “" +
+                                         c.comment + "”");
+    } else {
+      EXPECT_EQ(plan.failure, ondrelUnverifiedText(c.reason));
+      EXPECT_EQ(updateLines().at(1), "[Update] signature check failed: " + c.reason);
+      EXPECT_EQ(updateLines().size(), 2u) << "nothing is unpacked";
+      EXPECT_FALSE(fs::exists(ondrelStageDir()));
+      EXPECT_FALSE(fs::exists(zip)) << "the download is deleted";
+    }
+  }
 }
 
 }  // namespace

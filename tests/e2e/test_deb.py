@@ -1,0 +1,83 @@
+"""The Debian package made by packaging/make-deb: what it installs and needs,
+and that a copy installed from it runs without a display and leaves updating
+to the package manager."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from harness import SERVICE_DOMAIN
+from releases import ROOT, release_build_dir
+from test_update import about_text
+
+MAKE_DEB = ROOT / "packaging" / "make-deb"
+VERSION, BUILD = "3.1.0", "5"
+
+
+@pytest.fixture(scope="module")
+def deb(tmp_path_factory) -> Path:
+    out = tmp_path_factory.mktemp("deb")
+    # The release build folder: only what sees the version or the package
+    # setting is compiled again.
+    result = subprocess.run(
+        [str(MAKE_DEB), VERSION, BUILD, "--out", str(out), "--build-dir", str(release_build_dir()),
+         f"-DONDREL_SERVICE_DOMAIN={SERVICE_DOMAIN}"],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env={**os.environ, "JOBS": "2"})
+    assert result.returncode == 0, result.stdout[-4000:]
+    path = Path(result.stdout.splitlines()[-1])
+    assert path == out / f"ondrel_{VERSION}_amd64.deb"
+    return path
+
+
+@pytest.fixture(scope="module")
+def installed(deb, tmp_path_factory) -> Path:
+    """The package unpacked into a throw-away root; returns its ondrel."""
+    root = tmp_path_factory.mktemp("root")
+    subprocess.run(["dpkg", "-x", str(deb), str(root)], check=True)
+    return root / "usr/bin/ondrel"
+
+
+def field(deb: Path, name: str) -> str:
+    return subprocess.run(["dpkg-deb", "-f", str(deb), name], check=True, capture_output=True,
+                          text=True).stdout.strip()
+
+
+def test_package_installs_binary_menu_entry_and_icon_and_depends_on_what_it_links(deb):
+    listing = subprocess.run(["dpkg-deb", "--contents", str(deb)], check=True, capture_output=True,
+                             text=True).stdout.splitlines()
+    files = {line.split()[-1]: line.split()[0] for line in listing if not line.startswith("d")}
+    assert files == {"./usr/bin/ondrel": "-rwxr-xr-x",
+                     "./usr/share/applications/ondrel.desktop": "-rw-r--r--",
+                     "./usr/share/icons/hicolor/scalable/apps/ondrel.svg": "-rw-r--r--"}
+    assert all(" root/root " in line for line in listing)
+    assert (field(deb, "Package"), field(deb, "Version"), field(deb, "Architecture")) == ("ondrel", VERSION, "amd64")
+
+    depends = field(deb, "Depends")
+    names = {alternative.split()[0] for alternative in depends.split(", ")}
+    assert {"libc6", "libgtk-3-0", "libwebkit2gtk-4.1-0", "libcanberra0", "bubblewrap"} <= names, depends
+    print(f"\n[deb] {deb.name}: {deb.stat().st_size} bytes, Installed-Size {field(deb, 'Installed-Size')} KiB"
+          f"\n[deb] Depends: {depends}")
+
+
+def test_installed_copy_answers_version_and_help_without_a_display(installed, tmp_path):
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": str(tmp_path)}  # no DISPLAY, no WAYLAND_DISPLAY
+    version = subprocess.run([str(installed), "--version"], env=env, capture_output=True, text=True, timeout=20)
+    assert (version.returncode, version.stdout, version.stderr) == (0, f"Ondrel {VERSION} (build {BUILD})\n", "")
+    helped = subprocess.run([str(installed), "--help"], env=env, capture_output=True, text=True, timeout=20)
+    assert helped.returncode == 0 and helped.stdout.startswith("Usage: ondrel [SERVER]"), helped
+
+
+def test_installed_copy_leaves_updates_to_the_package_manager(installed, launch, web):
+    app = launch(web.url("events.html"), binary=str(installed),
+                 config={"updateUrl": web.url("releases/linux/latest.txt")})
+    window = app.main_window()
+    app.wait_for_log("[Update] installed from a package — updates come through the package manager")
+    text = about_text(launch, window, app.pid)
+    assert f"Version {VERSION} (build {BUILD})" in text, text
+    assert "Update Source: the system's package manager" in text, text
+    assert "signature" not in text, text
+    assert not any(m.startswith("[Update] checking") for m in app.messages())
