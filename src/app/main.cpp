@@ -27,11 +27,12 @@
 #include "update/update_host_gtk.h"
 
 int main(int argc, char** argv) {
-  installSystemLogWriter();
   // A child's closed pipe must never kill the app.
   std::signal(SIGPIPE, SIG_IGN);
 
   if (auto status = ondrelRunCommandLine({argv + (argc > 0), argv + argc}, std::cout, std::cerr)) return *status;
+  // After the command line: "ondrel mcp" installs a writer of its own.
+  installSystemLogWriter();
 
   // The first argument, unless it is an option, may be the server address.
   if (argc >= 2 && argv[1][0] != '-') gCmdlineServer = std::string(argv[1]);
