@@ -4,6 +4,8 @@ Every few milliseconds the probe sends the window a _NET_WM_PING, the message
 a window manager sends to find out whether a client still answers; GTK answers
 it from its main loop when it handles X events, like any key or click. The
 time to the answer is how late the main loop is for input at that moment.
+Probes of several windows may run at once: each takes only its window's
+answers.
 """
 
 from __future__ import annotations
@@ -65,6 +67,6 @@ class InputProbe:
             ev = self.d.next_event()
             if ev.type == X.ClientMessage and ev.client_type == self._protocols:
                 fmt, data = ev.data
-                if data[0] == self._ping and data[1] == stamp:
+                if data[0] == self._ping and data[1] == stamp and data[2] == self.window.id:
                     return True
         return False

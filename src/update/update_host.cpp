@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "base/system_log.h"
+
 bool gUpdateIsDeferred = false;
 
 namespace {
@@ -50,6 +52,7 @@ bool UpdateHost::launchSwapScript(const std::string& scriptPath) {
 }
 
 void UpdateHost::exitProcess(int status) {
+  flushSystemLog();
   std::fflush(nullptr);
   _exit(status);
 }
