@@ -11,7 +11,16 @@ Both programs load the same local page under one Xvfb. For each run:
 Runs alternate between the programs so that disk caches and machine noise
 fall on both alike; a warm-up run of each is made first and not counted.
 
+MiniBrowser opens a 1024 x 768 window, ondrel a 1260 x 900 one: the web
+process keeps the page's layers and tiles, and both processes a copy of the
+view's picture, in proportion to its area, some 12 MB more at ondrel's size.
+So that the figures compare the programs rather than the window sizes,
+MiniBrowser's window is given ondrel's size as soon as it appears (before the
+page loads); --minibrowser-own-size leaves it as it opens.
+
 Usage: /usr/bin/python3 bench/startup.py [--runs 5] [--ondrel PATH] [--minibrowser PATH]
+       [--minibrowser-own-size] [--also NAME=PATH ...]
+--also adds more builds of ondrel to compare (for example an older one).
 """
 
 from __future__ import annotations
@@ -27,9 +36,10 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
-from harness import App, Screen, Timeout, WebServer, Xvfb, descendants, rss_kib  # noqa: E402
+from harness import App, Screen, Timeout, WebServer, Xvfb, descendants, poll, rss_kib  # noqa: E402
 
 MINIBROWSER = "/usr/lib/x86_64-linux-gnu/webkit2gtk-4.1/MiniBrowser"
+ONDREL_WINDOW = (1260, 900)
 
 
 def total_rss_kib(pid: int) -> int:
@@ -52,14 +62,19 @@ def total_pss_kib(pid: int) -> int:
     return pss_kib(pid) + sum(pss_kib(child) for child in descendants(pid))
 
 
-def one_run(screen: Screen, web: WebServer, binary: str, settle: float) -> dict:
+def one_run(screen: Screen, web: WebServer, binary: str, settle: float, ondrel: bool, resize_to=None) -> dict:
     with tempfile.TemporaryDirectory(prefix="ondrel-bench-") as home:
         # A config that switches off the update check keeps ondrel off the network.
         app = App(screen, Path(home), args=[web.url("index.html")], binary=binary,
-                  config={"updateEnabled": False} if binary != MINIBROWSER else None)
+                  config={"updateEnabled": False} if ondrel else None)
         mark = web.mark()
         try:
             app.start()
+            if resize_to:
+                window = poll(lambda: next(iter(screen.toplevels(pid=app.pid)), None), 60, interval=0.01,
+                              message="no window")
+                window._win.configure(width=resize_to[0], height=resize_to[1])
+                screen.x.sync()
             report = web.wait_for_report("load", timeout=60, since=mark)
             startup = report.at - app.started_at
             rss_at_load = total_rss_kib(app.pid)
@@ -81,9 +96,15 @@ def main() -> int:
                         help="seconds after load before the second memory sample")
     parser.add_argument("--ondrel", default=os.environ.get("ONDREL_BIN", str(ROOT / "build" / "ondrel")))
     parser.add_argument("--minibrowser", default=MINIBROWSER)
+    parser.add_argument("--minibrowser-own-size", action="store_true",
+                        help="leave MiniBrowser's window at the size it opens with")
+    parser.add_argument("--also", action="append", default=[], metavar="NAME=PATH")
     args = parser.parse_args()
 
     programs = {"ondrel": args.ondrel, "MiniBrowser": args.minibrowser}
+    for extra in args.also:
+        name, _, path = extra.partition("=")
+        programs[name] = path
     for name, path in programs.items():
         if not os.access(path, os.X_OK):
             print(f"{name} not found at {path}", file=sys.stderr)
@@ -99,8 +120,9 @@ def main() -> int:
             if round_ % 2:
                 order.reverse()
             for name, path in order:
+                resize_to = ONDREL_WINDOW if name == "MiniBrowser" and not args.minibrowser_own_size else None
                 try:
-                    run = one_run(screen, web, path, args.settle)
+                    run = one_run(screen, web, path, args.settle, name != "MiniBrowser", resize_to)
                 except Timeout as exc:
                     print(f"{name}: run {round_} failed: {exc}", file=sys.stderr)
                     continue
