@@ -4,7 +4,7 @@
 #include "base/main_thread.h"
 #include "base/paths.h"
 #include "bridge/file_chooser_gtk.h"
-#include "bridge/navigation_policy.h"
+#include "webview/navigation_policy.h"
 
 namespace {
 
