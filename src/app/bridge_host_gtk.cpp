@@ -10,7 +10,7 @@ using ResultCallback = std::function<void(const std::string&, const std::string&
 
 void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
   std::unique_ptr<ResultCallback> done(static_cast<ResultCallback*>(data));
-  GError* error = nullptr;
+  g_autoptr(GError) error = nullptr;
   JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(source), result, &error);
   std::string text, errorText;
   if (value) {
@@ -18,10 +18,7 @@ void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
     text = s ? s : "";
     g_object_unref(value);
   }
-  if (error) {
-    errorText = error->message;
-    g_error_free(error);
-  }
+  if (error) errorText = error->message;
   (*done)(text, errorText);
 }
 

@@ -509,9 +509,8 @@ void execCommand(const Json& args, ExecReply reply) {
     // UTF-8; the reply must be valid JSON text.
     if (value.is_string() && !isValidUtf8(value.get_ref<const std::string&>())) {
       const auto& text = value.get_ref<const std::string&>();
-      gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+      g_autofree gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
       value = std::string(valid);
-      g_free(valid);
     }
     runOnMain([shared, ok, value = std::move(value)] { (*shared)(ok, value); });
   };
