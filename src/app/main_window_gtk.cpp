@@ -11,16 +11,14 @@ constexpr int kHeight = 900;
 
 MainWindow::MainWindow(GtkApplication* app, WebKitUserContentManager* content, GtkWidget* menuBar,
                        std::function<void()> close)
-    : window_(GTK_WINDOW(gtk_application_window_new(app))), webView_(content), close_(std::move(close)) {
+    : window_(GTK_WINDOW(gtk_window_new(GTK_WINDOW_TOPLEVEL))), webView_(content), close_(std::move(close)) {
+  gtk_window_set_application(window_, app);
   gtk_window_set_title(window_, "Ondrel");
   gtk_window_set_default_size(window_, kWidth, kHeight);
   // No window-manager frame: the web view's top strip, the drawn buttons and
   // the resize band along the edges replace it.
   gtk_window_set_decorated(window_, FALSE);
   gtk_window_set_position(window_, GTK_WIN_POS_CENTER);
-  // The application's own menu bar is ours, hidden over the page; GTK must
-  // not add another.
-  gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_), FALSE);
   g_signal_connect(window_, "delete-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, MainWindow* self) {
                      self->close_();
                      return TRUE;
