@@ -21,9 +21,8 @@
 #include "bridge/web_view_delegate_gtk.h"
 #include "build_config.h"
 #include "mcp/client_mcp.h"
-#include "update/pending_update.h"
-#include "update/update_check.h"
 #include "update/update_host_gtk.h"
+#include "update/updater.h"
 
 int main(int argc, char** argv) {
   // A child's closed pipe must never kill the app.
@@ -39,9 +38,10 @@ int main(int argc, char** argv) {
 
   // MCP servers start before any window exists; they are stopped on the one
   // quit path.
-  ClientMcp::loadConfig();
-  ClientMcp::watchConfigFile();
-  addQuitHook(ClientMcp::shutdown);
+  ClientMcp mcp;
+  mcp.loadConfig();
+  mcp.watchConfigFile();
+  addQuitHook([&mcp] { mcp.shutdown(); });
 
   auto quitOnSignal = +[](gpointer) -> gboolean {
     ondrelQuit();
@@ -50,13 +50,14 @@ int main(int argc, char** argv) {
   g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
   g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);
 
-  installGtkUpdateHost(ondrelQuit);
+  GtkUpdateHost updateHost(ondrelQuit);
+  Updater updater(updateHost);
   // A packaged copy leaves a scheduled update to the self-updating copy that
   // scheduled it: the package manager updates this one.
   if (!ondrel::build::kPackaged) {
     // Before any menu or window: a successful update ends the process here;
     // a failed one comes back and the normal start goes on.
-    ondrelApplyScheduledUpdate();
+    updater.applyScheduledUpdate();
     if (ondrelQuitRequested()) return 0;  // a signal ended the update's own loop
   }
 
@@ -68,18 +69,18 @@ int main(int argc, char** argv) {
 
   // Like the window, these live until exit.
   auto* gate = new BridgeGate(ondrelOriginOf(*server));
-  createMainWindow(*gate);
+  createMainWindow(*gate, updater);
   auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
   auto* bridge = new Bridge(*host, gate->origin());
   registerExecAction(*bridge);
-  registerMcpActions(*bridge);
+  registerMcpActions(*bridge, mcp);
   connectWebViewDelegate(gWebView->view(), GTK_WINDOW(gMainWindow), *bridge, *gate, ondrelRawHostOf(*server));
   showMainWindow(*server);
 
   if (ondrel::build::kPackaged) {
     logLine("[Update] installed from a package — updates come through the package manager");
   } else {
-    runOnMainAfter(3.0, [] { ondrelCheckForUpdates(); });
+    runOnMainAfter(3.0, [&updater] { updater.checkForUpdates(); });
   }
 
   gtk_main();

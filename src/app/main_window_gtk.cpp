@@ -107,7 +107,7 @@ void reloadWebView() {
   if (gWebView) webkit_web_view_reload(gWebView->view());
 }
 
-void createMainWindow(const BridgeGate& gate) {
+void createMainWindow(const BridgeGate& gate, Updater& updater) {
   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gMainWindow = window;
   gtk_window_set_title(GTK_WINDOW(window), "Ondrel");
@@ -143,7 +143,7 @@ void createMainWindow(const BridgeGate& gate) {
   gtk_container_add(GTK_CONTAINER(overlay), stack);
 
   addTrafficLights(GTK_OVERLAY(overlay), GTK_WINDOW(window));
-  GtkWidget* menuBar = createMenuBar();
+  GtkWidget* menuBar = createMenuBar(updater);
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay), menuBar);
   installKeyboardShortcuts(GTK_WINDOW(window), menuBar);
 

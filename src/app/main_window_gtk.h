@@ -5,10 +5,12 @@
 
 #include "bridge/bridge_gate.h"
 
+class Updater;
+
 // Builds the main window (web view, hidden log panel, drawn buttons, hidden
 // menu bar) without showing it; sets gMainWindow and gWebView. The gate's
 // scripts decide which documents may reach the bridge.
-void createMainWindow(const BridgeGate& gate);
+void createMainWindow(const BridgeGate& gate, Updater& updater);
 
 // Loads the address in the main web view and brings the window up.
 void showMainWindow(const std::string& serverUrl);

@@ -8,8 +8,7 @@
 #include "app/server_selection.h"
 #include "app/ui_globals_gtk.h"
 #include "build_config.h"
-#include "update/about.h"
-#include "update/update_check.h"
+#include "update/updater.h"
 
 namespace {
 
@@ -87,14 +86,16 @@ gboolean onKeyRelease(GtkWidget*, GdkEventKey* event, KeyState* state) {
 
 }  // namespace
 
-GtkWidget* createMenuBar() {
+GtkWidget* createMenuBar(Updater& updater) {
   GtkWidget* bar = gtk_menu_bar_new();
 
   GtkWidget* app = submenu(bar, "Ondrel");
-  item(app, "About Ondrel", 0, GdkModifierType(0), [] { ondrelShowAbout(ondrelServerURL()); });
+  g_signal_connect_swapped(item(app, "About Ondrel", 0, GdkModifierType(0), [] {}), "activate",
+                           G_CALLBACK(+[](Updater* u) { u->showAbout(ondrelServerURL()); }), &updater);
   separator(app);
   if (!ondrel::build::kPackaged) {  // the package manager updates a packaged copy
-    item(app, "Check for Updates…", 0, GdkModifierType(0), ondrelCheckForUpdates);
+    g_signal_connect_swapped(item(app, "Check for Updates…", 0, GdkModifierType(0), [] {}), "activate",
+                             G_CALLBACK(+[](Updater* u) { u->checkForUpdates(); }), &updater);
     separator(app);
   }
   item(app, "Quit", GDK_KEY_q, GDK_CONTROL_MASK, ondrelQuit);

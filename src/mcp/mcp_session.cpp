@@ -12,8 +12,6 @@
 #include "mcp/mcp_task.h"
 #include "mcp/serial_queue.h"
 
-int64_t gMcpSeq = 0;
-
 namespace {
 
 // The client's ids are integers; a response's id matches when it is the same
@@ -43,11 +41,9 @@ bool echoable(const Json& id) {
 
 Json McpTask::clientError(const std::string& message) { return Json{{"error", {{"message", message}}}}; }
 
-int64_t McpTask::nextId() { return ++gMcpSeq; }
-
 void McpTask::sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
                           ResponseHandler completion) {
-  int64_t id = nextId();
+  int64_t id = _context->nextRequestId();
 
   auto finish = std::make_shared<Finish>(std::move(completion));
   bool wantsAnswer = static_cast<bool>(finish->completion);

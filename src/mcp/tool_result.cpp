@@ -18,10 +18,8 @@ size_t ondrelUtf16Length(std::string_view utf8) {
 namespace {
 
 std::string lowerCase(const std::string& text) {
-  gchar* lower = g_utf8_strdown(text.c_str(), static_cast<gssize>(text.size()));
-  std::string result(lower ? lower : "");
-  g_free(lower);
-  return result;
+  g_autofree gchar* lower = g_utf8_strdown(text.c_str(), static_cast<gssize>(text.size()));
+  return lower ? lower : "";
 }
 
 bool startsWith(const std::string& text, std::string_view prefix) { return text.rfind(prefix, 0) == 0; }

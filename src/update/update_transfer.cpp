@@ -9,10 +9,8 @@
 namespace {
 
 std::string lowerCopy(const char* text) {
-  gchar* lowered = g_ascii_strdown(text ? text : "", -1);
-  std::string result(lowered);
-  g_free(lowered);
-  return result;
+  g_autofree gchar* lowered = g_ascii_strdown(text ? text : "", -1);
+  return lowered;
 }
 
 // The parsed URL when it may be fetched (the caller owns it), else nullptr

@@ -6,6 +6,7 @@
 
 #include "base/log.h"
 #include "bridge_fakes.h"
+#include "main_loop.h"
 
 namespace {
 
@@ -25,14 +26,6 @@ std::string callIdOf(const std::string& script) {
   std::smatch m;
   static const std::regex pattern(R"(invoke\('([^']*)')");
   return std::regex_search(script, m, pattern) ? m[1].str() : "";
-}
-
-// Lets due main-loop work run, for at most the given time.
-void iterateMainContextUntil(const std::function<bool()>& done, double seconds) {
-  const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(seconds * G_USEC_PER_SEC);
-  while (!done() && g_get_monotonic_time() < deadline) {
-    if (!g_main_context_iteration(nullptr, FALSE)) g_usleep(5000);
-  }
 }
 
 // The sequence number is process-wide, so the very first call is made
@@ -181,7 +174,7 @@ TEST_F(BridgeTest, ProbeLogsToTheSystemOnlyThenCallsGreetOneSecondLater) {
   EXPECT_EQ(LogCapture::instance().lines(), systemOnly);
   EXPECT_TRUE(host_.scripts.empty()) << "the call waits a second";
 
-  iterateMainContextUntil([&] { return panel.size() >= 3; }, 3.0);
+  pumpUntil([&] { return panel.size() >= 3; }, 3.0);
   EXPECT_GE(g_get_monotonic_time() - start, 900 * 1000);
   setLogPanelSink(nullptr);
   ASSERT_EQ(host_.scripts.size(), 1u);
