@@ -102,11 +102,10 @@ std::shared_ptr<MainTimer> runOnMainAfterCancellable(double seconds, std::functi
 }
 
 void runInBackground(std::function<void()> work) {
-  GTask* task = g_task_new(nullptr, nullptr, nullptr, nullptr);
+  g_autoptr(GTask) task = g_task_new(nullptr, nullptr, nullptr, nullptr);
   g_task_set_task_data(task, new std::function<void()>(std::move(work)), destroy);
   g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
     (*static_cast<std::function<void()>*>(data))();
     g_task_return_boolean(task, TRUE);
   });
-  g_object_unref(task);
 }

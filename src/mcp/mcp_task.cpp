@@ -229,6 +229,91 @@ bool McpTask::adopt(const std::shared_ptr<ChildProcess>& child) {
   }
 }
 
+namespace {
+
+// The reader thread's side of one server's standard output: splits it into
+// lines, hands each to the server object while one exists, and keeps the
+// log of its notifications within bounds.
+class OutputReader {
+ public:
+  OutputReader(std::weak_ptr<McpTask> weak, std::string name, size_t maxLine)
+      : weak_(std::move(weak)), name_(std::move(name)), maxLine_(maxLine), buffer_(maxLine) {}
+
+  // Reads until end of file, a read error, a terminate request or the
+  // server object is gone; then hands over what is left.
+  void run(int fd, ChildProcess& child) {
+    while (!gone_ && !child.terminateRequested()) {
+      pollfd fds[2] = {{fd, POLLIN, 0}, {child.terminateEventFd(), POLLIN, 0}};
+      int r = poll(fds, 2, nextReportMs());
+      if (r < 0) {
+        if (errno == EINTR) continue;
+        break;
+      }
+      // A flood that has ended is still owed its count.
+      reportHeldBack(notes_.takeDue(steadySeconds()));
+      if (fds[1].revents) break;
+      if (fds[0].revents && !readChunk(fd)) break;
+    }
+    std::string rest = buffer_.takeRest();
+    if (!rest.empty()) deliver(rest);
+    reportHeldBack(notes_.takeAll());
+  }
+
+ private:
+  // -1, or the milliseconds until held-back notifications are to be counted.
+  int nextReportMs() {
+    auto due = notes_.due();
+    if (!due) return -1;
+    return static_cast<int>(std::clamp(std::ceil((*due - steadySeconds()) * 1000), 0.0, 60000.0));
+  }
+
+  // False at end of file or on a read error.
+  bool readChunk(int fd) {
+    char chunk[4096];
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) return true;
+    if (n <= 0) return false;
+    buffer_.append(chunk, static_cast<size_t>(n), [this](std::string_view line) { deliver(line); });
+    if (size_t dropped = buffer_.takeDropped())
+      logLine("[MCP " + name_ + "] skipped " + std::to_string(dropped) + " output line(s) longer than " +
+              std::to_string(maxLine_) + " bytes");
+    return true;
+  }
+
+  void deliver(std::string_view line) {
+    if (gone_) return;
+    auto self = weak_.lock();
+    if (!self) {
+      gone_ = true;
+      return;
+    }
+    try {
+      auto note = self->processLine(line);
+      if (!note) return;
+      double now = steadySeconds();
+      reportHeldBack(notes_.takeDue(now));
+      if (notes_.admit(now)) logLine("[MCP " + name_ + "] " + abbreviateForLog(*note));
+    } catch (...) {
+      // A line that trips the parser or the allocator is dropped like any
+      // other malformed line.
+    }
+  }
+
+  void reportHeldBack(size_t count) {
+    if (count)
+      logLine("[MCP " + name_ + "] " + std::to_string(count) + " more notification(s) not logged: too many at once");
+  }
+
+  std::weak_ptr<McpTask> weak_;
+  std::string name_;
+  size_t maxLine_;
+  LineBuffer buffer_;
+  LogRateLimit notes_{kNotesPerSecond, kNoteBurst, kNoteReportAfter};
+  bool gone_ = false;
+};
+
+}  // namespace
+
 void McpTask::readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
                        std::shared_ptr<ChildProcess> child) {
   pthread_setname_np(pthread_self(), "ondrel.mcp.read");
@@ -236,66 +321,10 @@ void McpTask::readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, si
     ::close(fd);
     return;
   }
-  LineBuffer buffer(maxLine);
-  LogRateLimit notes(kNotesPerSecond, kNoteBurst, kNoteReportAfter);
-  auto reportHeldBack = [&](size_t count) {
-    if (count)
-      logLine("[MCP " + name + "] " + std::to_string(count) + " more notification(s) not logged: too many at once");
-  };
-  bool gone = false;
-  auto deliver = [&](std::string_view line) {
-    if (gone) return;
-    auto self = weak.lock();
-    if (!self) {
-      gone = true;
-      return;
-    }
-    try {
-      auto note = self->processLine(line);
-      if (!note) return;
-      double now = steadySeconds();
-      reportHeldBack(notes.takeDue(now));
-      if (notes.admit(now)) logLine("[MCP " + name + "] " + abbreviateForLog(*note));
-    } catch (...) {
-      // A line that trips the parser or the allocator is dropped like any
-      // other malformed line.
-    }
-  };
-
-  // stop() ends the child's group; the terminate event ends this loop at
+  // stop() ends the child's group; the terminate event ends the reading at
   // once, even when something outside the group still holds the pipe open.
-  while (!gone && !child->terminateRequested()) {
-    int timeout = -1;
-    if (auto due = notes.due())
-      timeout = static_cast<int>(std::clamp(std::ceil((*due - steadySeconds()) * 1000), 0.0, 60000.0));
-    pollfd fds[2] = {{fd, POLLIN, 0}, {child->terminateEventFd(), POLLIN, 0}};
-    int r = poll(fds, 2, timeout);
-    if (r < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    // A flood that has ended is still owed its count.
-    reportHeldBack(notes.takeDue(steadySeconds()));
-    if (fds[1].revents) break;
-    if (!fds[0].revents) continue;
-    char chunk[4096];
-    ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n > 0) {
-      buffer.append(chunk, static_cast<size_t>(n), deliver);
-      if (size_t dropped = buffer.takeDropped())
-        logLine("[MCP " + name + "] skipped " + std::to_string(dropped) + " output line(s) longer than " +
-                std::to_string(maxLine) + " bytes");
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
-  }
+  OutputReader(weak, name, maxLine).run(fd, *child);
   ::close(fd);
-
-  std::string rest = buffer.takeRest();
-  if (!rest.empty()) deliver(rest);
-  reportHeldBack(notes.takeAll());
   if (child->terminateRequested()) return;
   if (auto self = weak.lock()) self->handleChildExit();
 }

@@ -164,6 +164,9 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   // pipe takes it without waiting; otherwise, and for the rest, the write
   // thread sends it. Past the backlog limit the server is stopped instead.
   void writeInOrder(std::string line);
+  // On the write queue: writes the outbox, waiting for room, until it is
+  // empty or the server is gone.
+  static void drainOutbox(const std::weak_ptr<McpTask>& weak, const std::string& name);
 
   std::shared_ptr<McpServerContext> _context;
   std::string _command;

@@ -39,6 +39,8 @@ CURLU* admit(const std::string& url, std::string& refusal) {
 }  // namespace
 
 void ondrelInitCurl() {
+  // libcurl's own process-wide state, set up once before the first transfer
+  // of any thread; the flag only records that it was.
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
