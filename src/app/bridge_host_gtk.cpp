@@ -2,6 +2,7 @@
 
 #include "app/traffic_light_button_gtk.h"
 #include "app/ui_globals_gtk.h"
+#include "base/main_thread.h"
 #include "base/paths.h"
 #include "bridge/file_chooser_gtk.h"
 
@@ -29,12 +30,21 @@ void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
 
 }  // namespace
 
-void GtkBridgeHost::evaluateScript(const std::string& script) {
-  webkit_web_view_evaluate_javascript(view_, script.data(), static_cast<gssize>(script.size()), nullptr, nullptr,
-                                      nullptr, nullptr, nullptr);
-}
+GtkBridgeHost::GtkBridgeHost(GtkWindow* window, WebKitWebView* view, const std::string& guard)
+    : window_(window),
+      view_(view),
+      batch_(
+          guard,
+          [view](const std::string& script) {
+            webkit_web_view_evaluate_javascript(view, script.data(), static_cast<gssize>(script.size()), nullptr,
+                                                nullptr, nullptr, nullptr, nullptr);
+          },
+          runOnMain, mainLoopTurn) {}
+
+void GtkBridgeHost::evaluateScript(std::string script) { batch_.add(std::move(script)); }
 
 void GtkBridgeHost::evaluateScriptForResult(const std::string& script, ResultCallback done) {
+  batch_.flush();
   webkit_web_view_evaluate_javascript(view_, script.data(), static_cast<gssize>(script.size()), nullptr, nullptr,
                                       nullptr, evaluated, new ResultCallback(std::move(done)));
 }

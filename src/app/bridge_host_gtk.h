@@ -4,13 +4,15 @@
 #include <webkit2/webkit2.h>
 
 #include "bridge/bridge.h"
+#include "bridge/script_batch.h"
 
 // The bridge's view of the main window.
 class GtkBridgeHost : public BridgeHost {
  public:
-  GtkBridgeHost(GtkWindow* window, WebKitWebView* view) : window_(window), view_(view) {}
+  // guard: the origin guard that every script for the page starts with.
+  GtkBridgeHost(GtkWindow* window, WebKitWebView* view, const std::string& guard);
 
-  void evaluateScript(const std::string& script) override;
+  void evaluateScript(std::string script) override;
   void evaluateScriptForResult(const std::string& script,
                                std::function<void(const std::string&, const std::string&)> done) override;
   void pickDirectory(const std::optional<std::string>& message,
@@ -21,4 +23,5 @@ class GtkBridgeHost : public BridgeHost {
  private:
   GtkWindow* window_;
   WebKitWebView* view_;
+  ScriptBatch batch_;
 };

@@ -11,19 +11,44 @@ constexpr int kPanelHeight = 200;
 // the user makes in the panel.
 GtkTextMark* gLogEnd = nullptr;
 
+// Lines go into the text view once per frame, and only while the panel is
+// shown: a hidden panel costs no layout, and a flood costs one insert per
+// frame instead of one per line. The view lays out every line it is given
+// (about 40 µs each), so a frame takes at most this many and the rest wait
+// for the next: the window stays quick to answer while a flood drains.
+constexpr size_t kLinesPerFrame = 400;
+guint gFrameCallback = 0;
+
 void scrollToEnd() { gtk_text_view_scroll_mark_onscreen(gLog, gLogEnd); }
 
-void appendToPanel(const std::string& line) {
-  if (!gLog) return;
-  // A megabyte-long line would stall the text view's layout; the system log
-  // keeps the whole line.
-  const std::string text = line.size() > kLogLineDisplayLimit + 1 ? abbreviateForLog(line) + "\n" : line;
-  // Inserting at the end costs the same however long the log has grown.
+void keepNewestLines(GtkTextBuffer* buffer) {
+  // The buffer's last line is the empty one after the final line feed.
+  const int lines = gtk_text_buffer_get_line_count(buffer) - 1;
+  if (lines <= static_cast<int>(kLogPanelMaxLines)) return;
+  GtkTextIter start, cut;
+  gtk_text_buffer_get_start_iter(buffer, &start);
+  gtk_text_buffer_get_iter_at_line(buffer, &cut, lines - static_cast<int>(kLogPanelMaxLines));
+  gtk_text_buffer_delete(buffer, &start, &cut);
+}
+
+gboolean showWaitingLines(GtkWidget*, GdkFrameClock*, gpointer) {
+  const std::string text = takeLogPanelText(kLinesPerFrame);
+  if (text.empty()) {
+    gFrameCallback = 0;
+    return G_SOURCE_REMOVE;
+  }
   GtkTextBuffer* buffer = gtk_text_view_get_buffer(gLog);
   GtkTextIter end;
   gtk_text_buffer_get_end_iter(buffer, &end);
   gtk_text_buffer_insert(buffer, &end, text.data(), static_cast<gint>(text.size()));
-  if (gtk_widget_get_visible(gLogScroll)) scrollToEnd();
+  keepNewestLines(buffer);
+  scrollToEnd();
+  return G_SOURCE_CONTINUE;
+}
+
+void showAtNextFrame() {
+  if (gFrameCallback == 0 && logPanelShown())
+    gFrameCallback = gtk_widget_add_tick_callback(GTK_WIDGET(gLog), showWaitingLines, nullptr, nullptr);
 }
 
 }  // namespace
@@ -52,7 +77,8 @@ GtkWidget* createLogPanel() {
   gLogEnd = gtk_text_buffer_create_mark(buffer, "log-end", &end, FALSE);
   gLog = GTK_TEXT_VIEW(text);
   gLogScroll = scroll;
-  setLogPanelSink(appendToPanel);
+  setLogPanelSink(showAtNextFrame);
+  setLogPanelWakes(false);
   return scroll;
 }
 
@@ -60,7 +86,14 @@ void toggleLogPanel() {
   if (!gLogScroll) return;
   bool show = !gtk_widget_get_visible(gLogScroll);
   gtk_widget_set_visible(gLogScroll, show);
-  if (show) scrollToEnd();
+  setLogPanelWakes(show);
+  if (show) {
+    scrollToEnd();
+    showAtNextFrame();
+  } else if (gFrameCallback != 0) {
+    gtk_widget_remove_tick_callback(GTK_WIDGET(gLog), gFrameCallback);
+    gFrameCallback = 0;
+  }
 }
 
 bool logPanelShown() { return gLogScroll && gtk_widget_get_visible(gLogScroll); }

@@ -13,6 +13,7 @@
 #include "app/ui_globals_gtk.h"
 #include "base/log.h"
 #include "base/main_thread.h"
+#include "base/system_log.h"
 #include "base/server_address.h"
 #include "bridge/bridge.h"
 #include "bridge/bridge_gate.h"
@@ -25,6 +26,7 @@
 #include "update/updater.h"
 
 int main(int argc, char** argv) {
+  installSystemLogWriter();
   // A child's closed pipe must never kill the app.
   std::signal(SIGPIPE, SIG_IGN);
 
@@ -70,7 +72,7 @@ int main(int argc, char** argv) {
   // Like the window, these live until exit.
   auto* gate = new BridgeGate(ondrelOriginOf(*server));
   createMainWindow(*gate, updater);
-  auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view());
+  auto* host = new GtkBridgeHost(GTK_WINDOW(gMainWindow), gWebView->view(), originGuardExpression(gate->origin()));
   auto* bridge = new Bridge(*host, gate->origin());
   registerExecAction(*bridge);
   registerMcpActions(*bridge, mcp);

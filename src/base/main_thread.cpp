@@ -19,14 +19,19 @@ void destroy(gpointer data) { delete static_cast<std::function<void()>*>(data); 
 namespace {
 
 // One queue and one idle source for all hops to the main thread: a burst of
-// log lines or replies costs a lock and a push each, not a GSource each. The
-// source runs one item per dispatch, so a nested main loop inside an item
-// (a modal dialog) cannot overtake the items queued before it.
+// log lines or replies costs a lock and a push each, not a GSource each. A
+// dispatch runs the items queued before it began, in order, but hands the
+// loop back once it has run for a couple of milliseconds, so input is not
+// kept waiting behind a long queue (such as the pieces of a long reply). A
+// nested main loop inside an item (a modal dialog) cannot run the source
+// again, so nothing queued after that item overtakes it.
 struct MainQueue {
   std::mutex lock;
   std::deque<std::function<void()>> items;
   bool scheduled = false;
 };
+
+constexpr gint64 kDispatchBudgetUs = 2000;
 
 MainQueue& mainQueue() {
   static auto* queue = new MainQueue;  // never destroyed: threads may still post at exit
@@ -35,21 +40,37 @@ MainQueue& mainQueue() {
 
 gboolean runNext(gpointer) {
   MainQueue& q = mainQueue();
-  std::function<void()> fn;
+  const gint64 until = g_get_monotonic_time() + kDispatchBudgetUs;
+  size_t due;
   {
     std::lock_guard<std::mutex> guard(q.lock);
-    if (q.items.empty()) {
-      q.scheduled = false;
-      return G_SOURCE_REMOVE;
-    }
-    fn = std::move(q.items.front());
-    q.items.pop_front();
+    due = q.items.size();
   }
-  fn();
+  for (; due > 0; --due) {
+    std::function<void()> fn;
+    {
+      std::lock_guard<std::mutex> guard(q.lock);
+      if (q.items.empty()) break;
+      fn = std::move(q.items.front());
+      q.items.pop_front();
+    }
+    fn();
+    if (g_get_monotonic_time() >= until) break;
+  }
   std::lock_guard<std::mutex> guard(q.lock);
   if (!q.items.empty()) return G_SOURCE_CONTINUE;
   q.scheduled = false;
   return G_SOURCE_REMOVE;
+}
+
+// Counts main-loop iterations: every source is asked to prepare once per
+// iteration, and this one only counts.
+guint64 gTurn = 0;
+
+gboolean countTurn(GSource*, gint* timeout) {
+  ++gTurn;
+  *timeout = -1;
+  return FALSE;
 }
 
 }  // namespace
@@ -66,6 +87,19 @@ void runOnMain(std::function<void()> fn) {
   g_source_set_callback(source, runNext, nullptr, nullptr);
   g_source_attach(source, g_main_context_default());
   g_source_unref(source);
+}
+
+uint64_t mainLoopTurn() {
+  static GSourceFuncs funcs = {countTurn, nullptr, nullptr, nullptr, nullptr, nullptr};
+  static GSource* counter = [] {
+    GSource* source = g_source_new(&funcs, sizeof(GSource));
+    // First in line: a context stops preparing sources below one that is ready.
+    g_source_set_priority(source, G_MININT);
+    g_source_attach(source, g_main_context_default());
+    return source;
+  }();
+  (void)counter;
+  return gTurn;
 }
 
 void runOnMainAfter(double seconds, std::function<void()> fn) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -7,6 +8,10 @@
 // thread; the work runs on the main thread in the order it was queued.
 void runOnMain(std::function<void()> fn);
 void runOnMainAfter(double seconds, std::function<void()> fn);
+
+// A number for the main loop's current iteration: what is made on the main
+// thread with the same number was made in the same turn. Main thread only.
+uint64_t mainLoopTurn();
 
 // Runs blocking work (a transfer, file work) on GLib's shared worker pool,
 // GTask's; the work hands its results to the main thread with runOnMain.

@@ -3,45 +3,12 @@
 #include <ctime>
 
 #include "base/log.h"
+#include "base/main_thread.h"
 #include "bridge/bridge_gate.h"
 #include "bridge/value_text.h"
+#include "mcp/serial_queue.h"
 
 std::map<std::string, std::function<void(const Json& answer)>> gPending;
-
-namespace {
-
-// Ids travel between single quotes. Ids of our own making never need
-// escaping, but a page's request id could hold anything; escaping keeps the
-// id's value unchanged and the expression intact.
-std::string quotedForJs(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '\'': out += "\\'"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
-
-constexpr std::string_view kReplyTail = ") : console.error('__resolve missing') ";
-
-std::string replyHead(const std::string& reqIdText, bool ok) {
-  return "window.__ondrel && window.__ondrel.__resolve ? window.__ondrel.__resolve('" + quotedForJs(reqIdText) +
-         "', " + (ok ? "1" : "0") + ", ";
-}
-
-}  // namespace
-
-std::string bridgeIdText(const Json& reqId) { return valueText(reqId); }
-
-std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson) {
-  return replyHead(reqIdText, ok) + valueJson + std::string(kReplyTail);
-}
 
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson) {
   return "window.__ondrel && window.__ondrel.invoke ? window.__ondrel.invoke('" + callId + "', '" + handler +
@@ -50,13 +17,18 @@ std::string bridgeInvokeExpression(const std::string& callId, const std::string&
 }
 
 Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer)
-    : host_(host), guard_(originGuardExpression(pageOrigin)), sounds_(std::move(soundPlayer)) {
+    : host_(host),
+      guard_(originGuardExpression(pageOrigin)),
+      sounds_(std::move(soundPlayer)),
+      alive_(std::make_shared<Bridge*>(this)) {
   addBuiltInActions();
 }
 
+Bridge::~Bridge() = default;
+
 void Bridge::addAction(const std::string& name, NativeAction action) { actions_[name] = std::move(action); }
 
-void Bridge::didReceiveScriptMessage(const Json& body) {
+void Bridge::didReceiveScriptMessage(Json body) {
   if (!body.is_object()) {
     logLine("[JS->Native] ondrel");
     return;
@@ -75,39 +47,40 @@ void Bridge::didReceiveScriptMessage(const Json& body) {
   }
   if (auto it = body.find("__reqId"); it != body.end()) {
     Json name = body.contains("name") ? body["name"] : Json();
-    static const Json kNoArgs = Json::array();
-    auto a = body.find("args");
-    const Json& args = (a != body.end() && a->is_array()) ? *a : kNoArgs;  // not copied: it may be 16 MB
+    Json args = Json::array();
+    // Moved, not copied: it may be 16 MB.
+    if (auto a = body.find("args"); a != body.end() && a->is_array()) args = std::move(*a);
     logLine("[JS->Native] native action '" + valueText(name) + "' (req " + valueText(*it) + ") args=" +
             describeJsonBounded(args, kLogLineDisplayLimit));
-    handleNativeAction(*it, name, args);
+    handleNativeAction(*it, name, std::move(args));
     return;
   }
   logLine("[JS->Native] " + valueText(body));
 }
 
 void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
-  std::string json;
-  try {
-    json = value.dump();
-  } catch (const Json::exception&) {
-    json = "null";
-  }
-  replyToJSWithJsonText(reqId, ok, json.size(), [&json](std::string& script) { script += json; });
+  host_.evaluateScript(ReplyText(guard_, reqId)(ok, value));
 }
 
-void Bridge::replyToJSWithJsonText(const Json& reqId, bool ok, size_t sizeHint,
-                                   const std::function<void(std::string&)>& appendJson) {
-  const std::string head = replyHead(bridgeIdText(reqId), ok);
-  std::string script;
-  script.reserve(guard_.size() + head.size() + sizeHint + kReplyTail.size() + 2);
-  script += guard_;
-  script += '(';
-  script += head;
-  appendJson(script);
-  script += kReplyTail;
-  script += ')';
-  host_.evaluateScript(script);
+void Bridge::replyFromFileThread(const Json& reqId,
+                                 std::function<std::vector<std::string>(const ReplyText& reply)> work) {
+  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>();
+  fileThread_->async([reply = ReplyText(guard_, reqId), work = std::move(work),
+                      alive = std::weak_ptr<Bridge*>(alive_)] {
+    std::vector<std::string> scripts;
+    try {
+      scripts = work(reply);
+    } catch (const std::exception& e) {  // such as running out of memory: still one reply
+      scripts = {reply(false, e.what())};
+    }
+    // One hop each, so the window answers input between the pieces of a
+    // large reply.
+    for (auto& script : scripts) {
+      runOnMain([script = std::move(script), alive]() mutable {
+        if (auto bridge = alive.lock()) (*bridge)->host_.evaluateScript(std::move(script));
+      });
+    }
+  });
 }
 
 void Bridge::evaluateGuarded(const std::string& expression) { host_.evaluateScript(guard_ + "(" + expression + ")"); }
@@ -132,11 +105,11 @@ void Bridge::invokeHandler(const std::string& handler, const Json& args, const s
   evaluateGuarded(script);
 }
 
-void Bridge::handleNativeAction(const Json& reqId, const Json& name, const Json& args) {
+void Bridge::handleNativeAction(const Json& reqId, const Json& name, Json args) {
   if (name.is_string()) {
-    if (auto it = actions_.find(name.get<std::string>()); it != actions_.end()) {
-      static const Json kNoArgs = Json::array();
-      it->second(reqId, args.is_array() ? args : kNoArgs);
+    if (auto it = actions_.find(name.get_ref<const std::string&>()); it != actions_.end()) {
+      if (!args.is_array()) args = Json::array();
+      it->second(reqId, args);
       return;
     }
   }

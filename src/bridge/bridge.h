@@ -2,11 +2,14 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/json.h"
 #include "bridge/agent_sounds.h"
+#include "bridge/reply_text.h"
 
 struct ScrimColor {
   double r = 0, g = 0, b = 0, a = 0;
@@ -17,9 +20,11 @@ struct ScrimColor {
 class BridgeHost {
  public:
   virtual ~BridgeHost() = default;
-  // Fire and forget: the outcome is not observed.
-  virtual void evaluateScript(const std::string& script) = 0;
-  // For diagnostics that want the result text (or the error text).
+  // Fire and forget: the outcome is not observed. Scripts reach the page in
+  // the order given.
+  virtual void evaluateScript(std::string script) = 0;
+  // For diagnostics that want the result text (or the error text); after
+  // the scripts given before it.
   virtual void evaluateScriptForResult(const std::string& script,
                                        std::function<void(const std::string& result, const std::string& error)> done) = 0;
   // Folder chooser attached to the main window; nullopt when cancelled.
@@ -30,38 +35,42 @@ class BridgeHost {
   virtual void openInBrowser(const std::string& url) = 0;
 };
 
+class SerialQueue;
+
 // The page <-> native channel and the table of native actions. One per
 // process; main thread only (background work hops back with runOnMain
 // before replying).
 class Bridge {
  public:
-  // reqId is the page's id, echoed unchanged; args is always an array.
-  using NativeAction = std::function<void(const Json& reqId, const Json& args)>;
+  // reqId is the page's id, echoed unchanged; args is always an array, the
+  // action's to keep (a payload can be moved out rather than copied).
+  using NativeAction = std::function<void(const Json& reqId, Json& args)>;
 
   // pageOrigin: the instance's origin; what the bridge evaluates in the page
   // does nothing once the top document is on any other.
   Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer = systemSoundPlayer());
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
+  ~Bridge();
 
   BridgeHost& host() { return host_; }
 
   // A message posted by the page to the "ondrel" handler.
-  void didReceiveScriptMessage(const Json& body);
+  void didReceiveScriptMessage(Json body);
 
   // Answers a native-action request: exactly one reply per request.
   void replyToJS(const Json& reqId, bool ok, const Json& value);
 
-  // The same for large values: appendJson writes the value's JSON text
-  // straight into the reply expression, so a big payload is not copied
-  // through intermediate strings. sizeHint is the expected JSON length.
-  void replyToJSWithJsonText(const Json& reqId, bool ok, size_t sizeHint,
-                             const std::function<void(std::string&)>& appendJson);
+  // For work that would keep the window from answering (file input and
+  // output): runs on the bridge's file thread, one piece after another in
+  // the order given, and its reply (made there) goes to the page from the
+  // main thread.
+  void replyFromFileThread(const Json& reqId, std::function<std::vector<std::string>(const ReplyText& reply)> work);
 
   // Calls a page handler; its answer is only logged.
   void invokeHandler(const std::string& handler, const Json& args, const std::string& desc);
 
-  void handleNativeAction(const Json& reqId, const Json& name, const Json& args);
+  void handleNativeAction(const Json& reqId, const Json& name, Json args);
 
   // Subsystems add their actions here at start-up (names are unique).
   void addAction(const std::string& name, NativeAction action);
@@ -80,7 +89,11 @@ class Bridge {
   BridgeHost& host_;
   const std::string guard_;
   AgentSounds sounds_;
-  std::map<std::string, NativeAction> actions_;
+  std::map<std::string, NativeAction, std::less<>> actions_;
+  // Started with the first file action. Work still running when the bridge
+  // goes sees `alive_` gone and replies to nobody.
+  std::unique_ptr<SerialQueue> fileThread_;
+  std::shared_ptr<Bridge*> alive_;
 };
 
 // Native-to-page calls still waiting for the page's answer, by call id.
@@ -90,9 +103,5 @@ extern std::map<std::string, std::function<void(const Json& answer)>> gPending;
 // The tint for "setChromeScrim" [r, g, b, a]: nullopt removes it.
 std::optional<ScrimColor> scrimColorFromArgs(const Json& args);
 
-// The JavaScript texts the native side evaluates in the page.
-std::string bridgeReplyExpression(const std::string& reqIdText, bool ok, const std::string& valueJson);
+// The JavaScript text of a native-to-page call.
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson);
-
-// The text form of a request id as it goes between the quotes of a reply.
-std::string bridgeIdText(const Json& reqId);

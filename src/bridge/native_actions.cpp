@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "base/files.h"
 #include "bridge/agent_sounds.h"
@@ -19,7 +20,19 @@
 
 namespace {
 
-constexpr size_t kMaxBase64Source = 16777216;
+// The most either read action hands the page in one reply. Both replies
+// travel as one script that is copied several times on the way (our text,
+// WebKit's string, the message to the web process, the page's parse and its
+// string): 16 MB of file makes some 100 MB at the peak and takes the page
+// about a second. More would only freeze the page and swell both processes;
+// text that large is not something a page shows anyway.
+constexpr size_t kMaxPresentable = 16777216;
+const char* const kTooLarge = "file too large to present (max 16 MB)";
+
+// About how much of a long reply goes to the page in one script: WebKit
+// copies a script's text several times on the main thread, which for this
+// much takes a millisecond or two.
+constexpr size_t kPieceBytes = 1 << 18;
 
 const Json kOk = Json{{"ok", true}};
 
@@ -120,6 +133,20 @@ void appendJsonString(std::string& out, const char* data, size_t size) {
   out += '"';
 }
 
+// Where valid UTF-8 text is cut into pieces of about kPieceBytes: the
+// offsets of the pieces' starts and then the text's end. Never inside a
+// character, so each piece is valid text on its own.
+std::vector<size_t> pieceCuts(const std::string& text) {
+  std::vector<size_t> cuts{0};
+  while (text.size() - cuts.back() > kPieceBytes) {
+    size_t cut = cuts.back() + kPieceBytes;
+    while ((static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    cuts.push_back(cut);
+  }
+  cuts.push_back(text.size());
+  return cuts;
+}
+
 void appendBase64(std::string& out, const guchar* data, size_t size) {
   size_t start = out.size();
   out.resize(start + (size / 3 + 1) * 4 + 4);
@@ -138,7 +165,11 @@ void Bridge::addBuiltInActions() {
     });
   });
 
-  addAction("platform", [this](const Json& reqId, const Json&) { replyToJS(reqId, true, platformInfo()); });
+  addAction("platform", [this](const Json& reqId, const Json&) {
+    // Neither the kernel nor the account changes while the app runs.
+    static const Json info = platformInfo();
+    replyToJS(reqId, true, info);
+  });
 
   addAction("getProjectDirs", [this](const Json& reqId, const Json&) {
     replyToJS(reqId, true, projectDirs().value_or(Json::object()));
@@ -160,19 +191,18 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFile expects [path]");
       return;
     }
-    bool tooLarge = false;
-    std::string error;
-    auto text = readFileLimited(*path, SIZE_MAX, tooLarge, error);
-    if (!text) {
-      replyToJS(reqId, false, error);
-      return;
-    }
-    if (!g_utf8_validate_len(text->data(), text->size(), nullptr)) {
-      replyToJS(reqId, false, "The file “" + *path + "” couldn’t be read because it is not valid UTF-8 text.");
-      return;
-    }
-    replyToJSWithJsonText(reqId, true, text->size() + text->size() / 8 + 2,
-                          [&](std::string& out) { appendJsonString(out, text->data(), text->size()); });
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
+      bool tooLarge = false;
+      std::string error;
+      auto text = readFileLimited(path, kMaxPresentable, tooLarge, error);
+      if (!text) return {reply(false, tooLarge ? kTooLarge : error)};
+      if (!g_utf8_validate_len(text->data(), text->size(), nullptr))
+        return {reply(false, "The file “" + path + "” couldn’t be read because it is not valid UTF-8 text.")};
+      const auto cuts = pieceCuts(*text);
+      return reply.inPieces(true, cuts.size() - 1, kPieceBytes + kPieceBytes / 8, [&](std::string& out, size_t i) {
+        appendJsonString(out, text->data() + cuts[i], cuts[i + 1] - cuts[i]);
+      });
+    });
   });
 
   addAction("readFileBase64", [this](const Json& reqId, const Json& args) {
@@ -181,43 +211,43 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFileBase64 expects [path]");
       return;
     }
-    bool tooLarge = false;
-    std::string error;
-    auto bytes = readFileLimited(*path, kMaxBase64Source, tooLarge, error);
-    if (!bytes) {
-      replyToJS(reqId, false, tooLarge ? std::string("file too large to present (max 16 MB)") : error);
-      return;
-    }
-    replyToJSWithJsonText(reqId, true, (bytes->size() / 3 + 1) * 4 + 2, [&](std::string& out) {
-      out += '"';
-      appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()), bytes->size());
-      out += '"';
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
+      bool tooLarge = false;
+      std::string error;
+      auto bytes = readFileLimited(path, kMaxPresentable, tooLarge, error);
+      if (!bytes) return {reply(false, tooLarge ? kTooLarge : error)};
+      // Whole groups of three bytes a piece, so the pieces' Base64 joins into
+      // the whole file's.
+      const size_t piece = kPieceBytes / 4 * 3;
+      const size_t count = std::max<size_t>(1, (bytes->size() + piece - 1) / piece);
+      return reply.inPieces(true, count, kPieceBytes + 2, [&](std::string& out, size_t i) {
+        const size_t start = i * piece;
+        out += '"';
+        appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()) + start,
+                     std::min(piece, bytes->size() - start));
+        out += '"';
+      });
     });
   });
 
-  addAction("writeFile", [this](const Json& reqId, const Json& args) {
+  addAction("writeFile", [this](const Json& reqId, Json& args) {
     auto path = stringArg(args, 0);
     if (!path) {
       replyToJS(reqId, false, "writeFile expects [path, content]");
       return;
     }
-    // Missing content writes an empty file, on purpose. Not copied: it may
-    // be many megabytes.
-    std::string_view content;
-    if (args.size() > 1 && args[1].is_string()) content = args[1].get_ref<const std::string&>();
-    if (path->find('/') != std::string::npos) {
-      auto made = makeDirectories(parentDirectory(*path));
-      if (!made.ok) {
-        replyToJS(reqId, false, made.error);
-        return;
+    // Missing content writes an empty file, on purpose. Moved, not copied:
+    // it may be many megabytes.
+    std::string content;
+    if (args.size() > 1 && args[1].is_string()) content = std::move(args[1].get_ref<std::string&>());
+    replyFromFileThread(reqId, [path = *path, content = std::move(content)](const ReplyText& reply) {
+      if (path.find('/') != std::string::npos) {
+        auto made = makeDirectories(parentDirectory(path));
+        if (!made.ok) return std::vector<std::string>{reply(false, made.error)};
       }
-    }
-    auto written = writeFileAtomically(*path, content);
-    if (!written.ok) {
-      replyToJS(reqId, false, written.error);
-      return;
-    }
-    replyToJS(reqId, true, kOk);
+      auto written = writeFileAtomically(path, content);
+      return std::vector<std::string>{written.ok ? reply(true, kOk) : reply(false, written.error)};
+    });
   });
 
   addAction("setChromeScrim", [this](const Json& reqId, const Json& args) {

@@ -4,7 +4,7 @@
 #include "base/main_thread.h"
 #include "base/paths.h"
 #include "bridge/file_chooser_gtk.h"
-#include "bridge/navigation_policy.h"
+#include "webview/navigation_policy.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ Json jsonFromJsValue(JSCValue* value) {
 
 void onScriptMessage(WebKitUserContentManager*, WebKitJavascriptResult* result, Delegate* d) {
   if (auto body = d->gate.admit(jsonFromJsValue(webkit_javascript_result_get_js_value(result))))
-    d->bridge.didReceiveScriptMessage(*body);
+    d->bridge.didReceiveScriptMessage(std::move(*body));
 }
 
 void onLoadChanged(WebKitWebView*, WebKitLoadEvent event, Delegate* d) {

@@ -16,7 +16,7 @@ from harness import blend
 
 OK = {"ok": True}
 SETTLE = 0.5  # seconds a reply stays alone before it counts as answered once
-BASE64_LIMIT = 16777216
+READ_LIMIT = 16777216
 
 
 @pytest.fixture(scope="module")
@@ -169,25 +169,27 @@ def test_written_text_reads_back_unchanged(bridge, tmp_path):
     assert (app.home / "relative-note.txt").read_text() == "here"
 
 
-def test_base64_reads_up_to_16_mib(bridge, tmp_path):
-    data = os.urandom(BASE64_LIMIT)
+def test_reads_go_up_to_16_mib(bridge, tmp_path):
+    data = os.urandom(READ_LIMIT)
     at_limit, over = tmp_path / "at-limit.bin", tmp_path / "over.bin"
     at_limit.write_bytes(data)
     over.write_bytes(data + b"\x00")
 
     ok, value = bridge.call("readFileBase64", str(at_limit), timeout=60)
     assert ok, value
-    assert value == Digest(length=(BASE64_LIMIT + 2) // 3 * 4, size=BASE64_LIMIT,
+    assert value == Digest(length=(READ_LIMIT + 2) // 3 * 4, size=READ_LIMIT,
                            sha256=hashlib.sha256(data).hexdigest())
     assert bridge.call("readFileBase64", str(over)) == (False, "file too large to present (max 16 MB)")
 
-    # readFile has no cap: the same 16 MiB + 1 as text.
-    text = ("\u00e9" * (BASE64_LIMIT // 2)) + "x"
-    over.write_text(text, encoding="utf-8")
-    ok, value = bridge.call("readFile", str(over), timeout=60)
+    # readFile has the same cap, counted in bytes of the file.
+    text = "\u00e9" * (READ_LIMIT // 2)
+    at_limit.write_text(text, encoding="utf-8")
+    over.write_text(text + "x", encoding="utf-8")
+    ok, value = bridge.call("readFile", str(at_limit), timeout=60)
     assert ok, value
-    assert value == Digest(length=len(text), size=BASE64_LIMIT + 1,
+    assert value == Digest(length=len(text), size=READ_LIMIT,
                            sha256=hashlib.sha256(text.encode("utf-8")).hexdigest())
+    assert bridge.call("readFile", str(over)) == (False, "file too large to present (max 16 MB)")
 
 
 BUTTON_CENTRES = [(28, 22), (52, 22), (76, 22)]

@@ -92,27 +92,54 @@ TEST_F(BridgeTest, ReadFileGivesUtf8TextOrTheSystemsError) {
   }
 }
 
-TEST_F(BridgeTest, ReadFileBase64AcceptsExactlySixteenMebibytes) {
-  const fs::path file = home_.path() / "big.bin";
+TEST_F(BridgeTest, ReadsAcceptExactlySixteenMebibytes) {
+  const fs::path file = home_.path() / "big.txt";
   std::string bytes(16777216, '\0');
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 131 + (i >> 13)) & 0xff);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(' ' + (i * 131 + (i >> 13)) % 95);
   std::ofstream(file, std::ios::binary) << bytes;
 
-  Reply reply = call("readFileBase64", {file.string()});
-  ASSERT_TRUE(reply.ok);
-  ASSERT_TRUE(reply.value.is_string());
-  const std::string& text = reply.value.get_ref<const std::string&>();
-  EXPECT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
-  EXPECT_EQ(text.find_first_of("\r\n"), std::string::npos);
+  Reply text = call("readFile", {file.string()});
+  ASSERT_TRUE(text.ok);
+  EXPECT_TRUE(text.value == bytes) << "the text, unchanged";
+
+  Reply base64 = call("readFileBase64", {file.string()});
+  ASSERT_TRUE(base64.ok);
+  ASSERT_TRUE(base64.value.is_string());
+  const std::string& encoded = base64.value.get_ref<const std::string&>();
+  EXPECT_EQ(encoded.size(), (bytes.size() + 2) / 3 * 4);
+  EXPECT_EQ(encoded.find_first_of("\r\n"), std::string::npos);
   gsize decodedSize = 0;
-  guchar* decoded = g_base64_decode(text.c_str(), &decodedSize);
+  guchar* decoded = g_base64_decode(encoded.c_str(), &decodedSize);
   EXPECT_TRUE(decodedSize == bytes.size() && std::memcmp(decoded, bytes.data(), bytes.size()) == 0);
   g_free(decoded);
 
   std::ofstream(file, std::ios::binary | std::ios::app) << 'x';
-  Reply tooLarge = call("readFileBase64", {file.string()});
-  EXPECT_FALSE(tooLarge.ok);
-  EXPECT_EQ(tooLarge.value, "file too large to present (max 16 MB)");
+  for (const char* action : {"readFile", "readFileBase64"}) {
+    Reply tooLarge = call(action, {file.string()});
+    EXPECT_FALSE(tooLarge.ok) << action;
+    EXPECT_EQ(tooLarge.value, "file too large to present (max 16 MB)") << action;
+  }
+}
+
+TEST_F(BridgeTest, FileActionsRunAndReplyInTheOrderAsked) {
+  // Work off the main thread must not let a read overtake the write before it.
+  const std::string path = (home_.path() / "order/file.txt").string();
+  const Json requests[][2] = {
+      {"writeFile", {path, "one"}}, {"readFile", {path}},           {"writeFile", {path, "two"}},
+      {"readFile", {path}},         {"readFileBase64", {path}},     {"writeFile", {path}},
+      {"readFile", {path}},
+  };
+  const Json values[] = {kOk, "one", kOk, "two", "dHdv", kOk, ""};
+  for (size_t i = 0; i < std::size(requests); ++i) bridge_.handleNativeAction(i, requests[i][0], requests[i][1]);
+  iterateMainContextUntil([&] { return host_.scripts.size() >= std::size(requests); });
+  ASSERT_EQ(host_.scripts.size(), std::size(requests));
+  for (size_t i = 0; i < std::size(requests); ++i) {
+    auto reply = parseReply(host_.scripts[i]);
+    ASSERT_TRUE(reply) << host_.scripts[i];
+    EXPECT_EQ(reply->id, std::to_string(i));
+    EXPECT_TRUE(reply->ok) << requests[i][0];
+    EXPECT_EQ(reply->value, values[i]) << requests[i][0];
+  }
 }
 
 TEST_F(BridgeTest, ReadFileBase64EncodesSmallFilesAndReportsErrors) {

@@ -3,6 +3,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
+#include "base/newest_lines.h"
 
 // Long log lines are cut for the panel and for page payloads; short ones must
 // come through untouched, and a cut must never split a UTF-8 character.
@@ -30,4 +31,41 @@ TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {
 
   Json wide = Json::array({std::string(3990, 'b'), "ééééééééé"});
   EXPECT_TRUE(g_utf8_validate(describeJsonBounded(wide, 4000).c_str(), -1, nullptr));
+}
+
+// The panel's cap: the newest lines stay whole and in order, however they
+// are taken out; a logged line holding line feeds counts as several.
+TEST(LogText, PanelKeepsTheNewestLinesInOrder) {
+  const struct {
+    std::vector<std::string> logged;
+    std::vector<size_t> takes;
+    std::vector<std::string> taken;
+  } cases[] = {
+      {{"a", "b", "c"}, {10}, {"a\nb\nc\n"}},
+      {{"a", "b", "c", "d", "e"}, {10}, {"c\nd\ne\n"}},
+      {{"a", "b", "c", "d"}, {1, 1, 5, 5}, {"b\n", "c\n", "d\n", ""}},
+      {{"a", "two\nlines", "c"}, {10}, {"two\nlines\nc\n"}},
+      {{"a", "b", "x\ny\nz\nw"}, {2, 5}, {"y\nz\n", "w\n"}},
+      {{"", "", "", ""}, {10}, {"\n\n\n"}},
+  };
+  for (const auto& c : cases) {
+    NewestLines lines(3);
+    for (const auto& line : c.logged) lines.appendLine(line);
+    std::vector<std::string> taken;
+    for (size_t n : c.takes) taken.push_back(lines.take(n));
+    EXPECT_EQ(taken, c.taken) << c.logged.size();
+  }
+}
+
+TEST(LogText, PanelCapHoldsUnderAFlood) {
+  NewestLines lines(1000);
+  std::string expected;
+  for (int i = 0; i < 100000; ++i) {
+    const std::string line = "line " + std::to_string(i);
+    lines.appendLine(line);
+    if (i >= 99000) expected += line + "\n";
+    if (i == 50000) lines.take(10);  // the panel takes some on the way
+  }
+  EXPECT_EQ(lines.take(2000), expected);
+  EXPECT_TRUE(lines.empty());
 }

@@ -1,0 +1,69 @@
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <clocale>
+
+#include "base/system_log.h"
+
+// The app's writer must put on standard error exactly what GLib's default
+// writer would, or the journal-less log changes under people's greps.
+
+namespace {
+
+std::string glibText(const std::string& message) {
+  const GLogField fields[] = {
+      {"GLIB_DOMAIN", "ondrel", -1},
+      {"MESSAGE", message.c_str(), static_cast<gssize>(message.size())},
+      {"PRIORITY", "5", -1},
+  };
+  gchar* text = g_log_writer_format_fields(G_LOG_LEVEL_MESSAGE, fields, G_N_ELEMENTS(fields), FALSE);
+  std::string result = std::string(text) + "\n";
+  g_free(text);
+  return result;
+}
+
+// "ondrel-Message: HH:MM:SS.mmm: " has the clock at a fixed place.
+std::string withoutClock(std::string text) { return text.size() > 28 ? text.erase(16, 12) : text; }
+
+TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
+  const struct {
+    std::string message;
+    const char* locale;  // decides the console's character set
+    bool ours;
+  } cases[] = {
+      {"[Server] loading http://127.0.0.1:8000/", "C", true},
+      {"100% done %s %d %@", "C", true},
+      {"[Native->JS] d\n  request id=1-2 invoke(greet)\tend", "C", true},
+      {"[Native->JS] greet → hello “quoted”", "C.UTF-8", true},
+      {"[Native->JS] greet → hello", "C", false},
+      {"bell \x07 here", "C.UTF-8", false},
+      {"cr \r\n here", "C.UTF-8", false},
+      {"del \x7f", "C.UTF-8", false},
+      {"c1 \xc2\x85 next line", "C.UTF-8", false},
+      {"bad \xff utf-8", "C.UTF-8", false},
+      {"", "C.UTF-8", true},
+  };
+  const std::string saved = setlocale(LC_ALL, nullptr);
+  for (const auto& c : cases) {
+    ASSERT_TRUE(setlocale(LC_ALL, c.locale)) << c.locale;
+    const auto text = systemLogText(c.message, g_get_real_time(), g_get_console_charset(nullptr));
+    ASSERT_EQ(text.has_value(), c.ours) << c.message;
+    if (text) {
+      EXPECT_EQ(withoutClock(*text), withoutClock(glibText(c.message))) << c.message;
+    }
+  }
+  setlocale(LC_ALL, saved.c_str());
+}
+
+TEST(SystemLog, ClockIsLocalTimeToTheMillisecond) {
+  const gint64 now = g_get_real_time();
+  GDateTime* local = g_date_time_new_from_unix_local(now / G_USEC_PER_SEC);
+  gchar* clock = g_date_time_format(local, "%H:%M:%S");
+  const std::string expected = std::string("ondrel-Message: ") + clock + "." +
+                               std::to_string(now / 1000 % 1000 + 1000).substr(1) + ": x\n";
+  g_free(clock);
+  g_date_time_unref(local);
+  EXPECT_EQ(systemLogText("x", now, true), expected);
+}
+
+}  // namespace
