@@ -2,17 +2,14 @@
 
 // Shared by the MCP tests: a scriptable fake MCP server and a temporary HOME.
 
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <optional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "base/json.h"
 #include "mcp/mcp_task.h"
