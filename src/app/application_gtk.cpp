@@ -15,11 +15,6 @@
 #include "bridge/exec_command.h"
 #include "bridge/mcp_actions.h"
 #include "build_config.h"
-#include "mcp/client_mcp.h"
-#include "update/about.h"
-#include "update/pending_update.h"
-#include "update/update_check.h"
-#include "update/update_host_gtk.h"
 #include "webview/downloads_gtk.h"
 #include "webview/file_inputs_gtk.h"
 #include "webview/navigation_gtk.h"
@@ -47,7 +42,9 @@ std::optional<std::string> serverArgumentOf(GApplicationCommandLine* commandLine
 }  // namespace
 
 OndrelApplication::OndrelApplication()
-    : app_(gtk_application_new(kApplicationId, G_APPLICATION_HANDLES_COMMAND_LINE)) {
+    : app_(gtk_application_new(kApplicationId, G_APPLICATION_HANDLES_COMMAND_LINE)),
+      updateHost_([this] { quit(); }),
+      updater_(updateHost_) {
   g_signal_connect(app_, "startup", G_CALLBACK(onStartup), this);
   g_signal_connect(app_, "shutdown", G_CALLBACK(onShutdown), this);
   g_signal_connect(app_, "command-line", G_CALLBACK(onCommandLine), this);
@@ -63,8 +60,8 @@ int OndrelApplication::run(int argc, char** argv) {
 void OndrelApplication::onStartup(GApplication*, OndrelApplication* self) {
   // MCP servers start before any window exists, and only in the first
   // launch; they are stopped at shutdown.
-  ClientMcp::loadConfig();
-  ClientMcp::watchConfigFile();
+  self->mcp_.loadConfig();
+  self->mcp_.watchConfigFile();
 
   auto quitOnSignal = +[](gpointer self) -> gboolean {
     static_cast<OndrelApplication*>(self)->quit();
@@ -72,10 +69,9 @@ void OndrelApplication::onStartup(GApplication*, OndrelApplication* self) {
   };
   g_unix_signal_add(SIGINT, quitOnSignal, self);
   g_unix_signal_add(SIGTERM, quitOnSignal, self);
-  installGtkUpdateHost([self] { self->quit(); });
 }
 
-void OndrelApplication::onShutdown(GApplication*, OndrelApplication*) { ClientMcp::shutdown(); }
+void OndrelApplication::onShutdown(GApplication*, OndrelApplication* self) { self->mcp_.shutdown(); }
 
 int OndrelApplication::onCommandLine(GApplication*, GApplicationCommandLine* commandLine, OndrelApplication* self) {
   auto serverArgument = serverArgumentOf(commandLine);
@@ -102,7 +98,7 @@ void OndrelApplication::start(const std::optional<std::string>& serverArgument) 
   if (!ondrel::build::kPackaged) {
     // Before any menu or window: a successful update ends the process here;
     // a failed one comes back and the normal start goes on.
-    ondrelApplyScheduledUpdate();
+    updater_.applyScheduledUpdate();
     if (quitRequested_) return;  // a signal ended the update's own loop
   }
   auto server = ondrelResolveServer(serverArgument, ondrelConfigPath(), [] { return OndrelInstancePrompt().run(); });
@@ -115,7 +111,7 @@ void OndrelApplication::start(const std::optional<std::string>& serverArgument) 
   if (ondrel::build::kPackaged) {
     logLine("[Update] installed from a package — updates come through the package manager");
   } else {
-    runOnMainAfter(3.0, [] { ondrelCheckForUpdates(); });
+    runOnMainAfter(3.0, [this] { updater_.checkForUpdates(); });
   }
 }
 
@@ -132,8 +128,8 @@ void OndrelApplication::relaunch(const std::optional<std::string>& serverArgumen
 void OndrelApplication::createWindow(const std::string& server) {
   MenuCommands commands{
       .quit = [this] { quit(); },
-      .about = [this] { ondrelShowAbout(session_ ? std::optional(session_->serverUrl()) : std::nullopt); },
-      .checkForUpdates = ondrel::build::kPackaged ? std::function<void()>() : [] { ondrelCheckForUpdates(); },
+      .about = [this] { updater_.showAbout(session_ ? std::optional(session_->serverUrl()) : std::nullopt); },
+      .checkForUpdates = ondrel::build::kPackaged ? std::function<void()>() : [this] { updater_.checkForUpdates(); },
       .reload = [this] { window_->reload(); },
       .toggleLog = [this] { window_->logPanel().toggle(); },
       .logShown = [this] { return window_->logPanel().shown(); },
@@ -186,7 +182,7 @@ void OndrelApplication::loadServer(const std::string& server) {
     if (session_) formerSessions_.push_back(std::move(session_));
     session_ = std::make_unique<InstanceSession>(*window_, server);
     registerExecAction(session_->bridge());
-    registerMcpActions(session_->bridge());
+    registerMcpActions(session_->bridge(), mcp_);
     session_->installScripts(webkit_web_view_get_user_content_manager(window_->view()));
   }
   window_->show(server);

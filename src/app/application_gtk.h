@@ -9,6 +9,9 @@
 
 #include "app/instance_session_gtk.h"
 #include "app/main_window_gtk.h"
+#include "mcp/client_mcp.h"
+#include "update/update_host_gtk.h"
+#include "update/updater.h"
 
 // The running application: one per user session. A second launch hands its
 // command line to the first and ends; the first raises its window and, given
@@ -42,6 +45,9 @@ class OndrelApplication {
   void loadServer(const std::string& server);
 
   GtkApplication* app_;
+  ClientMcp mcp_;
+  GtkUpdateHost updateHost_;
+  Updater updater_;
   bool started_ = false;
   bool quitRequested_ = false;
   std::unique_ptr<MainWindow> window_;

@@ -6,6 +6,7 @@
 
 #include "base/log.h"
 #include "bridge_fakes.h"
+#include "main_loop.h"
 
 namespace {
 
@@ -173,7 +174,7 @@ TEST_F(BridgeTest, ProbeLogsToTheSystemOnlyThenCallsGreetOneSecondLater) {
   EXPECT_EQ(LogCapture::instance().lines(), systemOnly);
   EXPECT_TRUE(host_.scripts.empty()) << "the call waits a second";
 
-  iterateMainContextUntil([&] { return panel.find("greet ✗") != std::string::npos; }, 3.0);
+  pumpUntil([&] { return panel.find("greet ✗") != std::string::npos; }, 3.0);
   EXPECT_GE(g_get_monotonic_time() - start, 900 * 1000);
   setLogPanelSink(nullptr);
   ASSERT_EQ(host_.scripts.size(), 1u);
