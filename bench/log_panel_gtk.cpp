@@ -14,13 +14,8 @@
 #include <thread>
 
 #include "app/log_panel_gtk.h"
-#include "app/ui_globals_gtk.h"
 #include "base/log.h"
 #include "base/system_log.h"
-
-// The panel's two globals; the rest of the window is not linked in.
-GtkTextView* gLog = nullptr;
-GtkWidget* gLogScroll = nullptr;
 
 namespace {
 
@@ -36,6 +31,7 @@ struct Run {
   gint64 expected = 0;
   gint64 worstLate = 0;
   std::thread writer;
+  GtkTextView* text = nullptr;
 };
 
 std::string lineText(int i, int n) {
@@ -44,7 +40,7 @@ std::string lineText(int i, int n) {
 }
 
 bool panelHoldsLastLine(const Run& run) {
-  GtkTextBuffer* buffer = gtk_text_view_get_buffer(gLog);
+  GtkTextBuffer* buffer = gtk_text_view_get_buffer(run.text);
   const int count = gtk_text_buffer_get_line_count(buffer);
   if (count < 2) return false;
   GtkTextIter start, end;
@@ -96,10 +92,12 @@ int main(int argc, char** argv) {
   gtk_window_set_default_size(GTK_WINDOW(window), 1260, 900);
   GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
   gtk_box_pack_start(GTK_BOX(box), gtk_label_new("page"), TRUE, TRUE, 0);
-  gtk_box_pack_start(GTK_BOX(box), createLogPanel(), FALSE, FALSE, 0);
+  auto* panel = new LogPanel;
+  run->text = GTK_TEXT_VIEW(gtk_bin_get_child(GTK_BIN(panel->widget())));
+  gtk_box_pack_start(GTK_BOX(box), panel->widget(), FALSE, FALSE, 0);
   gtk_container_add(GTK_CONTAINER(window), box);
   gtk_widget_show_all(window);
-  toggleLogPanel();
+  panel->toggle();
   // Once the window is up and drawn.
   g_timeout_add(500, start, run);
   gtk_main();

@@ -63,7 +63,7 @@ void runUntil(const std::function<bool()>& done) {
 
 int runClient(const Options& o) {
   std::vector<std::string> args(o.command.begin() + 1, o.command.end());
-  auto task = McpTask::create(o.label, o.command[0], args);
+  auto task = McpTask::create(std::make_shared<McpServerContext>(), o.label, o.command[0], args);
   task->start();
   if (!task->isRunning()) {
     std::fprintf(stderr, "server did not start\n");

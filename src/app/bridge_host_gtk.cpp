@@ -1,10 +1,8 @@
 #include "app/bridge_host_gtk.h"
 
-#include "app/traffic_light_button_gtk.h"
-#include "app/ui_globals_gtk.h"
 #include "base/main_thread.h"
 #include "base/paths.h"
-#include "bridge/file_chooser_gtk.h"
+#include "webview/file_chooser_gtk.h"
 
 namespace {
 
@@ -12,30 +10,25 @@ using ResultCallback = std::function<void(const std::string&, const std::string&
 
 void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
   std::unique_ptr<ResultCallback> done(static_cast<ResultCallback*>(data));
-  GError* error = nullptr;
+  g_autoptr(GError) error = nullptr;
   JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(source), result, &error);
   std::string text, errorText;
   if (value) {
-    gchar* s = jsc_value_to_string(value);
+    g_autofree gchar* s = jsc_value_to_string(value);
     text = s ? s : "";
-    g_free(s);
     g_object_unref(value);
   }
-  if (error) {
-    errorText = error->message;
-    g_error_free(error);
-  }
+  if (error) errorText = error->message;
   (*done)(text, errorText);
 }
 
 }  // namespace
 
-GtkBridgeHost::GtkBridgeHost(GtkWindow* window, WebKitWebView* view, const std::string& guard)
+GtkBridgeHost::GtkBridgeHost(MainWindow& window, const std::string& guard)
     : window_(window),
-      view_(view),
       batch_(
           guard,
-          [view](const std::string& script) {
+          [view = window.view()](const std::string& script) {
             webkit_web_view_evaluate_javascript(view, script.data(), static_cast<gssize>(script.size()), nullptr,
                                                 nullptr, nullptr, nullptr, nullptr);
           },
@@ -45,14 +38,14 @@ void GtkBridgeHost::evaluateScript(std::string script) { batch_.add(std::move(sc
 
 void GtkBridgeHost::evaluateScriptForResult(const std::string& script, ResultCallback done) {
   batch_.flush();
-  webkit_web_view_evaluate_javascript(view_, script.data(), static_cast<gssize>(script.size()), nullptr, nullptr,
+  webkit_web_view_evaluate_javascript(window_.view(), script.data(), static_cast<gssize>(script.size()), nullptr, nullptr,
                                       nullptr, evaluated, new ResultCallback(std::move(done)));
 }
 
 void GtkBridgeHost::pickDirectory(const std::optional<std::string>& message,
                                   std::function<void(std::optional<std::string>)> done) {
   // Starts where projects live rather than in "Recent".
-  showFileChooser(message ? message->c_str() : "Choose a Folder", window_, GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER,
+  showFileChooser(message ? message->c_str() : "Choose a Folder", window_.window(), GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER,
                   ondrelHomeDir(), nullptr, [done = std::move(done)](std::vector<std::string> paths) {
                     done(paths.empty() ? std::nullopt : std::optional<std::string>(paths.front()));
                   });
@@ -61,10 +54,7 @@ void GtkBridgeHost::pickDirectory(const std::optional<std::string>& message,
 void GtkBridgeHost::setChromeScrim(const std::optional<ScrimColor>& color) {
   std::optional<Rgba> scrim;
   if (color) scrim = Rgba{color->r, color->g, color->b, color->a};
-  for (auto* button : gTrafficLights) {
-    button->setScrim(scrim);
-    button->redraw();
-  }
+  window_.setButtonScrim(scrim);
 }
 
 void GtkBridgeHost::openInBrowser(const std::string& url) {

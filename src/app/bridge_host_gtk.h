@@ -3,6 +3,7 @@
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
+#include "app/main_window_gtk.h"
 #include "bridge/bridge.h"
 #include "bridge/script_batch.h"
 
@@ -10,7 +11,7 @@
 class GtkBridgeHost : public BridgeHost {
  public:
   // guard: the origin guard that every script for the page starts with.
-  GtkBridgeHost(GtkWindow* window, WebKitWebView* view, const std::string& guard);
+  GtkBridgeHost(MainWindow& window, const std::string& guard);
 
   void evaluateScript(std::string script) override;
   void evaluateScriptForResult(const std::string& script,
@@ -21,7 +22,6 @@ class GtkBridgeHost : public BridgeHost {
   void openInBrowser(const std::string& url) override;
 
  private:
-  GtkWindow* window_;
-  WebKitWebView* view_;
+  MainWindow& window_;
   ScriptBatch batch_;
 };

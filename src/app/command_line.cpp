@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app/mcp_cli.h"
+#include "mcp/client_mcp.h"
 #include "update/version.h"
 
 namespace {
@@ -33,7 +34,10 @@ bool has(const std::vector<std::string>& args, std::initializer_list<const char*
 
 std::optional<int> ondrelRunCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   // "mcp" first: its own arguments (a JSON text, a tool name) may be anything.
-  if (!args.empty() && args[0] == "mcp") return ondrelMcpCommand({args.begin() + 1, args.end()}, out, err);
+  if (!args.empty() && args[0] == "mcp") {
+    ClientMcp mcp;
+    return ondrelMcpCommand(mcp, {args.begin() + 1, args.end()}, out, err);
+  }
   if (has(args, {"--help", "-h"})) {
     out << kUsage;
     return 0;

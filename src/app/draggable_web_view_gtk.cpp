@@ -6,7 +6,7 @@
 #include <gdk/gdkwayland.h>
 #endif
 
-#include "base/paths.h"
+#include "webview/website_data_gtk.h"
 
 namespace {
 
@@ -18,21 +18,6 @@ DragStrip::ClickSettings platformClickSettings() {
   g_object_get(gtk_settings_get_default(), "gtk-double-click-time", &time, "gtk-double-click-distance", &distance,
                nullptr);
   return {static_cast<uint32_t>(time), static_cast<double>(distance)};
-}
-
-WebKitWebContext* persistentContext() {
-  // Cookies and storage survive restarts (people stay logged in), in folders
-  // of our own rather than beside the app's records.
-  std::string data = ondrelDataDir() + "/webkit";
-  std::string cache = ondrelHomeDir() + "/.cache/ondrel/webkit";
-  WebKitWebsiteDataManager* manager = webkit_website_data_manager_new("base-data-directory", data.c_str(),
-                                                                      "base-cache-directory", cache.c_str(), nullptr);
-  WebKitWebContext* context = webkit_web_context_new_with_website_data_manager(manager);
-  std::string cookies = data + "/cookies.sqlite";
-  webkit_cookie_manager_set_persistent_storage(webkit_web_context_get_cookie_manager(context), cookies.c_str(),
-                                               WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
-  g_object_unref(manager);
-  return context;
 }
 
 std::optional<GdkWindowEdge> edgeAt(GtkWidget* widget, double x, double y, bool maximizedOrFullscreen) {
@@ -83,7 +68,7 @@ bool windowIsFilling(GtkWindow* window) {
 }  // namespace
 
 DraggableWebView::DraggableWebView(WebKitUserContentManager* content) : strip_(platformClickSettings()) {
-  WebKitWebContext* context = persistentContext();
+  WebKitWebContext* context = ondrelPersistentWebContext();
   view_ = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context, "user-content-manager",
                                        content, nullptr));
   g_object_unref(context);

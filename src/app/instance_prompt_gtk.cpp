@@ -58,6 +58,67 @@ std::string firstPreferredLanguage() {
   return names && names[0] ? names[0] : "";
 }
 
+// The heading, explanation, field and its error line.
+GtkWidget* promptFields(PromptUi& ui, const InstancePromptTexts& texts) {
+  GtkWidget* stack = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+  GtkWidget* heading = label(texts.heading, "prompt-heading");
+  GtkWidget* explanation = label(texts.explanation, "prompt-explanation");
+  GtkWidget* fieldLabel = label(texts.fieldLabel, "prompt-field-label");
+  ui.field = gtk_entry_new();
+  gtk_entry_set_text(GTK_ENTRY(ui.field), ondrel::build::kDemoInstance);
+  gtk_style_context_add_class(gtk_widget_get_style_context(ui.field), "prompt-field");
+  ui.errorLabel = label(texts.error, "prompt-error");
+  gtk_widget_set_no_show_all(ui.errorLabel, TRUE);
+
+  // Spacing after each row: heading 2, explanation 12, field label 4, field 2.
+  gtk_widget_set_margin_bottom(heading, 2);
+  gtk_widget_set_margin_bottom(explanation, 12);
+  gtk_widget_set_margin_bottom(fieldLabel, 4);
+  gtk_widget_set_margin_bottom(ui.field, 2);
+  for (GtkWidget* w : {heading, explanation, fieldLabel, ui.field, ui.errorLabel}) {
+    gtk_box_pack_start(GTK_BOX(stack), w, FALSE, FALSE, 0);
+  }
+  return stack;
+}
+
+GtkWidget* promptButtons(const InstancePromptTexts& texts, GtkWidget*& okButton, GtkWidget*& cancelButton) {
+  GtkWidget* buttons = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 12);
+  gtk_widget_set_halign(buttons, GTK_ALIGN_END);
+  gtk_widget_set_margin_top(buttons, 16);
+  cancelButton = gtk_button_new_with_label(texts.cancel.c_str());
+  okButton = gtk_button_new_with_label(texts.confirm.c_str());
+  gtk_style_context_add_class(gtk_widget_get_style_context(okButton), GTK_STYLE_CLASS_SUGGESTED_ACTION);
+  gtk_box_pack_start(GTK_BOX(buttons), cancelButton, FALSE, FALSE, 0);
+  gtk_box_pack_start(GTK_BOX(buttons), okButton, FALSE, FALSE, 0);
+  return buttons;
+}
+
+void connectPrompt(PromptUi& ui, GtkWidget* okButton, GtkWidget* cancelButton) {
+  g_signal_connect_swapped(okButton, "clicked", G_CALLBACK(+[](PromptUi* p) { p->confirm(); }), &ui);
+  g_signal_connect_swapped(cancelButton, "clicked", G_CALLBACK(+[](PromptUi* p) { p->cancel(); }), &ui);
+  g_signal_connect_swapped(ui.field, "activate", G_CALLBACK(+[](PromptUi* p) { p->confirm(); }), &ui);
+  g_signal_connect_swapped(ui.field, "changed", G_CALLBACK(+[](PromptUi* p) {
+                             if (p->model.textChanged(gtk_entry_get_text(GTK_ENTRY(p->field)))) {
+                               gtk_widget_hide(p->errorLabel);
+                               // Shrink back to fit: the window grows and shrinks downward.
+                               gtk_window_resize(GTK_WINDOW(p->window), 480, 1);
+                             }
+                           }),
+                           &ui);
+  g_signal_connect(ui.window, "key-press-event", G_CALLBACK(+[](GtkWidget*, GdkEventKey* event, PromptUi* p) {
+                     if (event->keyval != GDK_KEY_Escape) return gboolean(FALSE);
+                     p->cancel();
+                     return gboolean(TRUE);
+                   }),
+                   &ui);
+  // The close request cancels; the window is hidden below, not destroyed.
+  g_signal_connect(ui.window, "delete-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, PromptUi* p) {
+                     p->cancel();
+                     return TRUE;
+                   }),
+                   &ui);
+}
+
 }  // namespace
 
 std::optional<std::string> OndrelInstancePrompt::run() {
@@ -83,61 +144,13 @@ std::optional<std::string> OndrelInstancePrompt::run() {
   gtk_widget_set_margin_top(outer, 20);
   gtk_widget_set_margin_bottom(outer, 20);
 
-  GtkWidget* stack = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-  GtkWidget* heading = label(texts.heading, "prompt-heading");
-  GtkWidget* explanation = label(texts.explanation, "prompt-explanation");
-  GtkWidget* fieldLabel = label(texts.fieldLabel, "prompt-field-label");
-  ui.field = gtk_entry_new();
-  gtk_entry_set_text(GTK_ENTRY(ui.field), ondrel::build::kDemoInstance);
-  gtk_style_context_add_class(gtk_widget_get_style_context(ui.field), "prompt-field");
-  ui.errorLabel = label(texts.error, "prompt-error");
-  gtk_widget_set_no_show_all(ui.errorLabel, TRUE);
-
-  // Spacing after each row: heading 2, explanation 12, field label 4, field 2.
-  gtk_widget_set_margin_bottom(heading, 2);
-  gtk_widget_set_margin_bottom(explanation, 12);
-  gtk_widget_set_margin_bottom(fieldLabel, 4);
-  gtk_widget_set_margin_bottom(ui.field, 2);
-  for (GtkWidget* w : {heading, explanation, fieldLabel, ui.field, ui.errorLabel}) {
-    gtk_box_pack_start(GTK_BOX(stack), w, FALSE, FALSE, 0);
-  }
-
-  GtkWidget* buttons = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 12);
-  gtk_widget_set_halign(buttons, GTK_ALIGN_END);
-  gtk_widget_set_margin_top(buttons, 16);
-  GtkWidget* cancelButton = gtk_button_new_with_label(texts.cancel.c_str());
-  GtkWidget* okButton = gtk_button_new_with_label(texts.confirm.c_str());
-  gtk_style_context_add_class(gtk_widget_get_style_context(okButton), GTK_STYLE_CLASS_SUGGESTED_ACTION);
-  gtk_box_pack_start(GTK_BOX(buttons), cancelButton, FALSE, FALSE, 0);
-  gtk_box_pack_start(GTK_BOX(buttons), okButton, FALSE, FALSE, 0);
-
-  gtk_box_pack_start(GTK_BOX(outer), stack, FALSE, FALSE, 0);
+  GtkWidget* okButton = nullptr;
+  GtkWidget* cancelButton = nullptr;
+  GtkWidget* buttons = promptButtons(texts, okButton, cancelButton);
+  gtk_box_pack_start(GTK_BOX(outer), promptFields(ui, texts), FALSE, FALSE, 0);
   gtk_box_pack_end(GTK_BOX(outer), buttons, FALSE, FALSE, 0);
   gtk_container_add(GTK_CONTAINER(ui.window), outer);
-
-  g_signal_connect_swapped(okButton, "clicked", G_CALLBACK(+[](PromptUi* p) { p->confirm(); }), &ui);
-  g_signal_connect_swapped(cancelButton, "clicked", G_CALLBACK(+[](PromptUi* p) { p->cancel(); }), &ui);
-  g_signal_connect_swapped(ui.field, "activate", G_CALLBACK(+[](PromptUi* p) { p->confirm(); }), &ui);
-  g_signal_connect_swapped(ui.field, "changed", G_CALLBACK(+[](PromptUi* p) {
-                             if (p->model.textChanged(gtk_entry_get_text(GTK_ENTRY(p->field)))) {
-                               gtk_widget_hide(p->errorLabel);
-                               // Shrink back to fit: the window grows and shrinks downward.
-                               gtk_window_resize(GTK_WINDOW(p->window), 480, 1);
-                             }
-                           }),
-                           &ui);
-  g_signal_connect(ui.window, "key-press-event", G_CALLBACK(+[](GtkWidget*, GdkEventKey* event, PromptUi* p) {
-                     if (event->keyval != GDK_KEY_Escape) return gboolean(FALSE);
-                     p->cancel();
-                     return gboolean(TRUE);
-                   }),
-                   &ui);
-  // The close request cancels; the window is hidden below, not destroyed.
-  g_signal_connect(ui.window, "delete-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, PromptUi* p) {
-                     p->cancel();
-                     return TRUE;
-                   }),
-                   &ui);
+  connectPrompt(ui, okButton, cancelButton);
 
   gtk_widget_show_all(ui.window);
   gtk_widget_grab_focus(ui.field);

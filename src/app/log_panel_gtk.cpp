@@ -1,15 +1,12 @@
 #include "app/log_panel_gtk.h"
 
-#include "app/ui_globals_gtk.h"
+#include <string>
+
 #include "base/log.h"
 
 namespace {
 
 constexpr int kPanelHeight = 200;
-
-// Follows the end of the text (right gravity), independent of any selection
-// the user makes in the panel.
-GtkTextMark* gLogEnd = nullptr;
 
 // Lines go into the text view once per frame, and only while the panel is
 // shown: a hidden panel costs no layout, and a flood costs one insert per
@@ -17,9 +14,6 @@ GtkTextMark* gLogEnd = nullptr;
 // (about 40 µs each), so a frame takes at most this many and the rest wait
 // for the next: the window stays quick to answer while a flood drains.
 constexpr size_t kLinesPerFrame = 400;
-guint gFrameCallback = 0;
-
-void scrollToEnd() { gtk_text_view_scroll_mark_onscreen(gLog, gLogEnd); }
 
 void keepNewestLines(GtkTextBuffer* buffer) {
   // The buffer's last line is the empty one after the final line feed.
@@ -31,34 +25,7 @@ void keepNewestLines(GtkTextBuffer* buffer) {
   gtk_text_buffer_delete(buffer, &start, &cut);
 }
 
-gboolean showWaitingLines(GtkWidget*, GdkFrameClock*, gpointer) {
-  const std::string text = takeLogPanelText(kLinesPerFrame);
-  if (text.empty()) {
-    gFrameCallback = 0;
-    return G_SOURCE_REMOVE;
-  }
-  GtkTextBuffer* buffer = gtk_text_view_get_buffer(gLog);
-  GtkTextIter end;
-  gtk_text_buffer_get_end_iter(buffer, &end);
-  gtk_text_buffer_insert(buffer, &end, text.data(), static_cast<gint>(text.size()));
-  keepNewestLines(buffer);
-  scrollToEnd();
-  return G_SOURCE_CONTINUE;
-}
-
-void showAtNextFrame() {
-  if (gFrameCallback == 0 && logPanelShown())
-    gFrameCallback = gtk_widget_add_tick_callback(GTK_WIDGET(gLog), showWaitingLines, nullptr, nullptr);
-}
-
-}  // namespace
-
-GtkWidget* createLogPanel() {
-  GtkWidget* scroll = gtk_scrolled_window_new(nullptr, nullptr);
-  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll), GTK_POLICY_AUTOMATIC, GTK_POLICY_ALWAYS);
-  gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(scroll), GTK_SHADOW_IN);
-  gtk_widget_set_size_request(scroll, -1, kPanelHeight);
-
+GtkWidget* monospaceTextView() {
   GtkWidget* text = gtk_text_view_new();
   gtk_text_view_set_editable(GTK_TEXT_VIEW(text), FALSE);
   gtk_text_view_set_monospace(GTK_TEXT_VIEW(text), TRUE);
@@ -67,33 +34,60 @@ GtkWidget* createLogPanel() {
   gtk_style_context_add_provider(gtk_widget_get_style_context(text), GTK_STYLE_PROVIDER(css),
                                  GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
   g_object_unref(css);
-  gtk_container_add(GTK_CONTAINER(scroll), text);
-  gtk_widget_show(text);
-  gtk_widget_set_no_show_all(scroll, TRUE);
-
-  GtkTextBuffer* buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(text));
-  GtkTextIter end;
-  gtk_text_buffer_get_end_iter(buffer, &end);
-  gLogEnd = gtk_text_buffer_create_mark(buffer, "log-end", &end, FALSE);
-  gLog = GTK_TEXT_VIEW(text);
-  gLogScroll = scroll;
-  setLogPanelSink(showAtNextFrame);
-  setLogPanelWakes(false);
-  return scroll;
+  return text;
 }
 
-void toggleLogPanel() {
-  if (!gLogScroll) return;
-  bool show = !gtk_widget_get_visible(gLogScroll);
-  gtk_widget_set_visible(gLogScroll, show);
+}  // namespace
+
+LogPanel::LogPanel()
+    : scroll_(gtk_scrolled_window_new(nullptr, nullptr)), text_(GTK_TEXT_VIEW(monospaceTextView())) {
+  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll_), GTK_POLICY_AUTOMATIC, GTK_POLICY_ALWAYS);
+  gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(scroll_), GTK_SHADOW_IN);
+  gtk_widget_set_size_request(scroll_, -1, kPanelHeight);
+  gtk_container_add(GTK_CONTAINER(scroll_), GTK_WIDGET(text_));
+  gtk_widget_show(GTK_WIDGET(text_));
+  gtk_widget_set_no_show_all(scroll_, TRUE);
+
+  GtkTextBuffer* buffer = gtk_text_view_get_buffer(text_);
+  GtkTextIter end;
+  gtk_text_buffer_get_end_iter(buffer, &end);
+  end_ = gtk_text_buffer_create_mark(buffer, "log-end", &end, FALSE);
+  setLogPanelSink([this] { showAtNextFrame(); });
+  setLogPanelWakes(false);
+}
+
+void LogPanel::scrollToEnd() { gtk_text_view_scroll_mark_onscreen(text_, end_); }
+
+gboolean LogPanel::showWaitingLines(GtkWidget*, GdkFrameClock*, gpointer self) {
+  auto* panel = static_cast<LogPanel*>(self);
+  const std::string text = takeLogPanelText(kLinesPerFrame);
+  if (text.empty()) {
+    panel->frameCallback_ = 0;
+    return G_SOURCE_REMOVE;
+  }
+  GtkTextBuffer* buffer = gtk_text_view_get_buffer(panel->text_);
+  GtkTextIter end;
+  gtk_text_buffer_get_end_iter(buffer, &end);
+  gtk_text_buffer_insert(buffer, &end, text.data(), static_cast<gint>(text.size()));
+  keepNewestLines(buffer);
+  panel->scrollToEnd();
+  return G_SOURCE_CONTINUE;
+}
+
+void LogPanel::showAtNextFrame() {
+  if (frameCallback_ == 0 && shown())
+    frameCallback_ = gtk_widget_add_tick_callback(GTK_WIDGET(text_), showWaitingLines, this, nullptr);
+}
+
+void LogPanel::toggle() {
+  bool show = !shown();
+  gtk_widget_set_visible(scroll_, show);
   setLogPanelWakes(show);
   if (show) {
     scrollToEnd();
     showAtNextFrame();
-  } else if (gFrameCallback != 0) {
-    gtk_widget_remove_tick_callback(GTK_WIDGET(gLog), gFrameCallback);
-    gFrameCallback = 0;
+  } else if (frameCallback_ != 0) {
+    gtk_widget_remove_tick_callback(GTK_WIDGET(text_), frameCallback_);
+    frameCallback_ = 0;
   }
 }
-
-bool logPanelShown() { return gLogScroll && gtk_widget_get_visible(gLogScroll); }

@@ -104,18 +104,18 @@ struct Started {
   bool endedByItself = false;           // noted before the servers are stopped
 };
 
-std::vector<Started> startServers() {
-  ClientMcp::loadConfig();
+std::vector<Started> startServers(ClientMcp& mcp) {
+  mcp.loadConfig();
   std::vector<Started> started;
-  for (auto& task : gMcpTasks) started.push_back({task, task->child()});
+  for (auto& task : mcp.tasks()) started.push_back({task, task->child()});
   return started;
 }
 
 // Stops every server and waits until each has been reaped and has said its
 // last words, noting first which ones had already ended by themselves.
-void stopServers(std::vector<Started>& started) {
+void stopServers(ClientMcp& mcp, std::vector<Started>& started) {
   for (auto& s : started) s.endedByItself = s.child && !s.task->isRunning();
-  ClientMcp::shutdown();
+  mcp.shutdown();
 }
 
 McpServerReport reportFor(const Started& s, const std::string& failure) {
@@ -129,12 +129,12 @@ McpServerReport reportFor(const Started& s, const std::string& failure) {
   return report;
 }
 
-int list(std::ostream& out, std::ostream& err) {
-  auto started = startServers();
+int list(ClientMcp& mcp, std::ostream& out, std::ostream& err) {
+  auto started = startServers(mcp);
   auto listing = std::make_shared<std::optional<Json>>();
-  ClientMcp::listServersWithCompletion([listing](Json servers) { *listing = std::move(servers); });
+  mcp.listServersWithCompletion([listing](Json servers) { *listing = std::move(servers); });
   bool completed = runUntil([&] { return listing->has_value(); });
-  stopServers(started);
+  stopServers(mcp, started);
   if (!completed) {
     err << "ondrel mcp: interrupted\n";
     return kInterruptedStatus;
@@ -184,12 +184,12 @@ int list(std::ostream& out, std::ostream& err) {
   return allRunning ? 0 : 1;
 }
 
-int call(const Command& command, std::ostream& out, std::ostream& err) {
-  auto started = startServers();
+int call(ClientMcp& mcp, const Command& command, std::ostream& out, std::ostream& err) {
+  auto started = startServers(mcp);
   auto result = std::make_shared<std::optional<Json>>();
-  ClientMcp::callTool(command.server, command.tool, command.args, [result](Json r) { *result = std::move(r); });
+  mcp.callTool(command.server, command.tool, command.args, [result](Json r) { *result = std::move(r); });
   bool completed = runUntil([&] { return result->has_value(); });
-  stopServers(started);
+  stopServers(mcp, started);
   if (!completed) {
     err << "ondrel mcp: interrupted\n";
     return kInterruptedStatus;
@@ -220,9 +220,9 @@ int call(const Command& command, std::ostream& out, std::ostream& err) {
 
 }  // namespace
 
-int ondrelMcpCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+int ondrelMcpCommand(ClientMcp& mcp, const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   auto command = parse(args, err);
   if (!command) return kUsageStatus;
   g_log_set_writer_func(writeLog, command->verbose ? GINT_TO_POINTER(1) : nullptr, nullptr);
-  return command->list ? list(out, err) : call(*command, out, err);
+  return command->list ? list(mcp, out, err) : call(mcp, *command, out, err);
 }

@@ -7,15 +7,18 @@
 
 #include "base/json.h"
 
+class ClientMcp;
+
 // `ondrel mcp list` and `ondrel mcp call SERVER TOOL [JSON-ARGS]`: the
 // window's MCP client in a terminal, so a server that will not start can be
 // looked into without opening the window and its log. The same settings
 // file, PATH probe, client and result conversion; the servers are stopped
 // and reaped before it returns. No display is needed.
 //
-// args are those after "mcp". Returns the exit status: 0 done, 1 a server
-// or tool failed, 2 the command line was wrong, 130 interrupted.
-int ondrelMcpCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+// args are those after "mcp"; mcp is the registry the command runs. Returns
+// the exit status: 0 done, 1 a server or tool failed, 2 the command line was
+// wrong, 130 interrupted.
+int ondrelMcpCommand(ClientMcp& mcp, const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 // What `list` knows about one configured server once the listing is over.
 struct McpServerReport {

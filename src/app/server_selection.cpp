@@ -1,15 +1,11 @@
 #include "app/server_selection.h"
 
-#include <mutex>
-
 #include "base/files.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/server_address.h"
 #include "build_config.h"
-
-std::optional<std::string> gCmdlineServer;
 
 namespace {
 
@@ -42,20 +38,25 @@ void saveChoice(const std::string& path, const std::string& server) {
 
 }  // namespace
 
+std::optional<std::string> ondrelCommandLineServer(const std::string& argument) {
+  auto candidate = candidateFrom(argument);
+  if (candidate && ondrelIsAllowedServerURL(*candidate)) {
+    logLine("[Server] loading " + *candidate + " (from command line)");
+    return candidate;
+  }
+  if (candidate) {
+    logLine("[Server] ignoring command-line URL " + kRefusedReason);
+  } else {
+    logLine("[Server] ignoring invalid command-line URL " + kInvalidReason);
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> ondrelResolveServer(const std::optional<std::string>& cmdline,
                                                const std::string& configPath,
                                                const InstancePromptRunner& runPrompt) {
   if (cmdline && !cmdline->empty()) {
-    auto candidate = candidateFrom(*cmdline);
-    if (candidate && ondrelIsAllowedServerURL(*candidate)) {
-      logLine("[Server] loading " + *candidate + " (from command line)");
-      return candidate;
-    }
-    if (candidate) {
-      logLine("[Server] ignoring command-line URL " + kRefusedReason);
-    } else {
-      logLine("[Server] ignoring invalid command-line URL " + kInvalidReason);
-    }
+    if (auto server = ondrelCommandLineServer(*cmdline)) return server;
   }
 
   if (auto bytes = readWholeFile(configPath)) {
@@ -81,11 +82,4 @@ std::optional<std::string> ondrelResolveServer(const std::optional<std::string>&
   saveChoice(configPath, *chosen);
   logLine("[Server] loading " + *chosen + " (chosen in the first-run prompt)");
   return chosen;
-}
-
-const std::optional<std::string>& ondrelServerURL(const InstancePromptRunner& runPrompt) {
-  static std::optional<std::string> resolved;
-  static std::once_flag once;
-  std::call_once(once, [&] { resolved = ondrelResolveServer(gCmdlineServer, ondrelConfigPath(), runPrompt); });
-  return resolved;
 }

@@ -7,7 +7,7 @@
 #include <cstring>
 
 std::optional<std::string> readWholeFile(const std::string& path, std::string* error) {
-  gchar* contents = nullptr;
+  g_autofree gchar* contents = nullptr;
   gsize length = 0;
   GError* err = nullptr;
   if (!g_file_get_contents(path.c_str(), &contents, &length, &err)) {
@@ -15,9 +15,7 @@ std::optional<std::string> readWholeFile(const std::string& path, std::string* e
     g_clear_error(&err);
     return std::nullopt;
   }
-  std::string result(contents, length);
-  g_free(contents);
-  return result;
+  return std::string(contents, length);
 }
 
 FileResult writeFileAtomically(const std::string& path, std::string_view data) {
@@ -40,8 +38,6 @@ FileResult makeDirectories(const std::string& path) {
 }
 
 std::string parentDirectory(const std::string& path) {
-  gchar* dir = g_path_get_dirname(path.c_str());
-  std::string result(dir);
-  g_free(dir);
-  return result;
+  g_autofree gchar* dir = g_path_get_dirname(path.c_str());
+  return dir;
 }

@@ -1,6 +1,6 @@
 #include "base/main_thread.h"
 
-#include <glib.h>
+#include <gio/gio.h>
 
 #include <deque>
 #include <mutex>
@@ -133,4 +133,13 @@ std::shared_ptr<MainTimer> runOnMainAfterCancellable(double seconds, std::functi
   auto timer = std::make_shared<SourceTimer>(source);  // keeps its own reference
   g_source_attach(source, g_main_context_default());
   return timer;
+}
+
+void runInBackground(std::function<void()> work) {
+  g_autoptr(GTask) task = g_task_new(nullptr, nullptr, nullptr, nullptr);
+  g_task_set_task_data(task, new std::function<void()>(std::move(work)), destroy);
+  g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
+    (*static_cast<std::function<void()>*>(data))();
+    g_task_return_boolean(task, TRUE);
+  });
 }

@@ -13,6 +13,11 @@ void runOnMainAfter(double seconds, std::function<void()> fn);
 // thread with the same number was made in the same turn. Main thread only.
 uint64_t mainLoopTurn();
 
+// Runs blocking work (a transfer, file work) on GLib's shared worker pool,
+// GTask's; the work hands its results to the main thread with runOnMain.
+// What it captured is released on the main thread afterwards.
+void runInBackground(std::function<void()> work);
+
 // A delayed call on the main thread that can be called off. Callers that arm
 // one timer per request (and most requests finish long before it) cancel it,
 // so the main loop is not left scanning thousands of dead timers.

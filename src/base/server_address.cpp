@@ -39,16 +39,13 @@ struct UrlParts {
 };
 
 std::optional<UrlParts> splitUrl(const std::string& url) {
-  gchar* scheme = nullptr;
-  gchar* host = nullptr;
+  g_autofree gchar* scheme = nullptr;
+  g_autofree gchar* host = nullptr;
   if (!g_uri_split(url.c_str(), G_URI_FLAGS_NON_DNS, &scheme, nullptr, &host, nullptr, nullptr, nullptr, nullptr,
                    nullptr)) {
     return std::nullopt;
   }
-  UrlParts parts{scheme ? scheme : "", host ? host : ""};
-  g_free(scheme);
-  g_free(host);
-  return parts;
+  return UrlParts{scheme ? scheme : "", host ? host : ""};
 }
 
 }  // namespace
@@ -110,16 +107,14 @@ bool ondrelIsAllowedServerURL(const std::string& url) {
 }
 
 std::string ondrelOriginOf(const std::string& url) {
-  gchar* scheme = nullptr;
-  gchar* host = nullptr;
+  g_autofree gchar* scheme = nullptr;
+  g_autofree gchar* host = nullptr;
   gint port = -1;
   if (!g_uri_split(url.c_str(), G_URI_FLAGS_NON_DNS, &scheme, nullptr, &host, &port, nullptr, nullptr, nullptr,
                    nullptr)) {
     return {};
   }
   const std::string s = lower(scheme ? scheme : ""), h = lower(host ? host : "");
-  g_free(scheme);
-  g_free(host);
   if ((s != "http" && s != "https") || h.empty()) return {};
   std::string origin = s + "://" + (h.find(':') != std::string::npos ? "[" + h + "]" : h);
   if (port >= 0 && port != (s == "https" ? 443 : 80)) origin += ":" + std::to_string(port);

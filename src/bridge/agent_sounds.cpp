@@ -96,9 +96,8 @@ AgentSounds::AgentSounds(Player player) : player_(std::move(player)) {}
 
 std::optional<std::string> AgentSounds::soundFromWav(const std::optional<std::string>& data) {
   if (!data) return std::nullopt;
-  gchar* uuid = g_uuid_string_random();
+  g_autofree gchar* uuid = g_uuid_string_random();
   std::string path = std::string(g_get_tmp_dir()) + "/ondrel-agent-" + uuid + ".wav";
-  g_free(uuid);
   if (!writeFileAtomically(path, *data).ok) return std::nullopt;
   return path;
 }
@@ -111,13 +110,13 @@ void AgentSounds::playAgentSound(const std::string& name) {
 }
 
 AgentSounds::Player systemSoundPlayer() {
-  return [](const std::string& path) {
-    static ca_context* context = [] {
-      ca_context* c = nullptr;
-      return ca_context_create(&c) == CA_SUCCESS ? c : nullptr;
-    }();
-    if (!context) return;
+  // Made on the first chime, not at start-up; it lives as long as the
+  // player, which is the bridge's.
+  auto context = std::make_shared<ca_context*>(nullptr);
+  return [context](const std::string& path) {
+    if (!*context && ca_context_create(context.get()) != CA_SUCCESS) *context = nullptr;
+    if (!*context) return;
     // Asynchronous; without a sound server it simply fails.
-    ca_context_play(context, 0, CA_PROP_MEDIA_FILENAME, path.c_str(), CA_PROP_EVENT_DESCRIPTION, "Ondrel", nullptr);
+    ca_context_play(*context, 0, CA_PROP_MEDIA_FILENAME, path.c_str(), CA_PROP_EVENT_DESCRIPTION, "Ondrel", nullptr);
   };
 }

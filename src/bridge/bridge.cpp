@@ -8,8 +8,6 @@
 #include "bridge/value_text.h"
 #include "mcp/serial_queue.h"
 
-std::map<std::string, std::function<void(const Json& answer)>> gPending;
-
 std::string bridgeInvokeExpression(const std::string& callId, const std::string& handler, const std::string& argsJson) {
   return "window.__ondrel && window.__ondrel.invoke ? window.__ondrel.invoke('" + callId + "', '" + handler +
          "', ..." + argsJson + ") : window.webkit.messageHandlers.ondrel.postMessage(   { __bridgeId: '" + callId +
@@ -35,13 +33,13 @@ void Bridge::didReceiveScriptMessage(Json body) {
   }
   if (auto it = body.find("__bridgeId"); it != body.end()) {
     std::string id = valueText(*it);
-    auto entry = gPending.find(id);
-    if (entry == gPending.end()) {
+    auto entry = pending_.find(id);
+    if (entry == pending_.end()) {
       logLine("[JS->Native] stale response id=" + id);
       return;
     }
     auto completion = std::move(entry->second);
-    gPending.erase(entry);
+    pending_.erase(entry);
     completion(body);
     return;
   }
@@ -64,7 +62,7 @@ void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
 
 void Bridge::replyFromFileThread(const Json& reqId,
                                  std::function<std::vector<std::string>(const ReplyText& reply)> work) {
-  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>("ondrel-files");
+  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>();
   fileThread_->async([reply = ReplyText(guard_, reqId), work = std::move(work),
                       alive = std::weak_ptr<Bridge*>(alive_)] {
     std::vector<std::string> scripts;
@@ -86,15 +84,13 @@ void Bridge::replyFromFileThread(const Json& reqId,
 void Bridge::evaluateGuarded(const std::string& expression) { host_.evaluateScript(guard_ + "(" + expression + ")"); }
 
 void Bridge::invokeHandler(const std::string& handler, const Json& args, const std::string& desc) {
-  static long seq = 0;
-  ++seq;
-  std::string id = std::to_string(seq) + "-" + std::to_string(static_cast<long>(std::time(nullptr)));
+  std::string id = std::to_string(++lastCallNumber_) + "-" + std::to_string(static_cast<long>(std::time(nullptr)));
   std::string argsJson = (args.is_array() && !args.empty()) ? args.dump(-1, ' ', false, Json::error_handler_t::replace)
                                                             : "[]";
   std::string script = bridgeInvokeExpression(id, handler, argsJson);
   logLine("[Native->JS] " + desc + "\n  request id=" + id + " invoke(" + handler + ")");
   // Stored before evaluating, so that an immediate answer finds it.
-  gPending[id] = [handler](const Json& answer) {
+  pending_[id] = [handler](const Json& answer) {
     bool ok = answer.contains("ok") && valueTruth(answer["ok"]);
     if (ok) {
       logLine("[Native->JS] " + handler + " → " + valueText(answer.contains("value") ? answer["value"] : Json()));

@@ -69,6 +69,7 @@ class Bridge {
 
   // Calls a page handler; its answer is only logged.
   void invokeHandler(const std::string& handler, const Json& args, const std::string& desc);
+  bool awaitsAnswer(const std::string& callId) const { return pending_.count(callId) > 0; }
 
   void handleNativeAction(const Json& reqId, const Json& name, Json args);
 
@@ -83,6 +84,7 @@ class Bridge {
 
  private:
   void addBuiltInActions();
+  void addFileActions();
 
   void evaluateGuarded(const std::string& expression);
 
@@ -94,11 +96,11 @@ class Bridge {
   // goes sees `alive_` gone and replies to nobody.
   std::unique_ptr<SerialQueue> fileThread_;
   std::shared_ptr<Bridge*> alive_;
+  // Native-to-page calls still waiting for the page's answer, by call id.
+  // Entries whose answer never comes stay as long as the bridge.
+  std::map<std::string, std::function<void(const Json& answer)>> pending_;
+  long lastCallNumber_ = 0;
 };
-
-// Native-to-page calls still waiting for the page's answer, by call id.
-// Entries whose answer never comes stay for the life of the process.
-extern std::map<std::string, std::function<void(const Json& answer)>> gPending;
 
 // The tint for "setChromeScrim" [r, g, b, a]: nullopt removes it.
 std::optional<ScrimColor> scrimColorFromArgs(const Json& args);

@@ -23,6 +23,7 @@
 #include "base/main_thread.h"
 #include "base/paths.h"
 #include "base/settings.h"
+#include "base/text.h"
 #include "update/bundle_search.h"
 
 namespace {
@@ -386,43 +387,6 @@ ReadOnlyPlan currentReadOnlyPlan(const std::string& home, const std::optional<Js
   return readOnlyPlan(home, configHome, appDir, userPaths);
 }
 
-bool isValidUtf8(std::string_view bytes) {
-  size_t i = 0;
-  const size_t n = bytes.size();
-  while (i < n) {
-    auto c = static_cast<unsigned char>(bytes[i]);
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t length;
-    uint32_t code;
-    if (c >= 0xC2 && c <= 0xDF) {
-      length = 2;
-      code = c & 0x1F;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      length = 3;
-      code = c & 0x0F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      length = 4;
-      code = c & 0x07;
-    } else {
-      return false;
-    }
-    if (n - i < length) return false;
-    for (size_t k = 1; k < length; ++k) {
-      auto cc = static_cast<unsigned char>(bytes[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      code = (code << 6) | (cc & 0x3F);
-    }
-    if ((length == 3 && code < 0x800) || (length == 4 && (code < 0x10000 || code > 0x10FFFF)) ||
-        (code >= 0xD800 && code <= 0xDFFF))
-      return false;
-    i += length;
-  }
-  return true;
-}
-
 Json execResultValue(ChildRun&& run) {
   Json value = Json::object();
   value["exit"] = run.exitStatus;
@@ -509,9 +473,8 @@ void execCommand(const Json& args, ExecReply reply) {
     // UTF-8; the reply must be valid JSON text.
     if (value.is_string() && !isValidUtf8(value.get_ref<const std::string&>())) {
       const auto& text = value.get_ref<const std::string&>();
-      gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+      g_autofree gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
       value = std::string(valid);
-      g_free(valid);
     }
     runOnMain([shared, ok, value = std::move(value)] { (*shared)(ok, value); });
   };

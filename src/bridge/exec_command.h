@@ -3,7 +3,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/json.h"
@@ -63,10 +62,6 @@ std::string runtimeDir();
 
 // "sandboxNetwork": only an explicit false takes the network away.
 bool networkAllowed(const std::optional<Json>& config);
-
-// Strict UTF-8 (no overlong forms, surrogates or values past U+10FFFF);
-// NUL bytes are valid characters.
-bool isValidUtf8(std::string_view bytes);
 
 // {"exit", "stdout", "stderr"}; output that is not UTF-8 becomes "". A
 // stream that was cut is named in "truncated" (["stdout"], say).

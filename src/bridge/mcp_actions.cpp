@@ -22,12 +22,13 @@ std::optional<std::string> stringArg(const Json& args, size_t index) {
 
 }  // namespace
 
-void registerMcpActions(Bridge& bridge) {
+void registerMcpActions(Bridge& bridge, ClientMcp& mcp) {
   // The bridge lives as long as the process, so the replies may hold it.
   Bridge* b = &bridge;
+  ClientMcp* m = &mcp;
 
-  bridge.addAction("mcpServers", [b](const Json& reqId, const Json&) {
-    ClientMcp::listServersWithCompletion([b, reqId](Json servers) {
+  bridge.addAction("mcpServers", [b, m](const Json& reqId, const Json&) {
+    m->listServersWithCompletion([b, reqId](Json servers) {
       b->replyToJS(reqId, true, servers.is_array() ? servers : Json::array());
     });
   });
@@ -35,22 +36,20 @@ void registerMcpActions(Bridge& bridge) {
   bridge.addAction("mcpReadConfig",
                    [b](const Json& reqId, const Json&) { b->replyToJS(reqId, true, ClientMcp::readConfig()); });
 
-  bridge.addAction("mcpWriteConfig", [b](const Json& reqId, const Json& args) {
+  bridge.addAction("mcpWriteConfig", [b, m](const Json& reqId, const Json& args) {
     auto content = stringArg(args, 0);
     if (!content) {
       b->replyToJS(reqId, false, "mcpWriteConfig expects [content]");
       return;
     }
-    if (auto error = ClientMcp::writeConfig(*content)) b->replyToJS(reqId, false, *error);
+    if (auto error = m->writeConfig(*content)) b->replyToJS(reqId, false, *error);
     else b->replyToJS(reqId, true, Json{{"ok", true}});
   });
 
-  bridge.addAction("mcpCall", [b](const Json& reqId, const Json& args) {
+  bridge.addAction("mcpCall", [b, m](const Json& reqId, const Json& args) {
     const Json* arguments = argAt(args, 2);
     // Failures travel inside the value; the reply itself always succeeds.
-    ClientMcp::callTool(stringArg(args, 0), stringArg(args, 1),
-                        arguments && arguments->is_object() ? *arguments : Json::object(), [b, reqId](Json result) {
-                          b->replyToJS(reqId, true, result.is_object() ? result : Json::object());
-                        });
+    m->callTool(stringArg(args, 0), stringArg(args, 1), arguments && arguments->is_object() ? *arguments : Json::object(),
+                [b, reqId](Json result) { b->replyToJS(reqId, true, result.is_object() ? result : Json::object()); });
   });
 }

@@ -156,6 +156,47 @@ void appendBase64(std::string& out, const guchar* data, size_t size) {
   out.resize(start + written);
 }
 
+// The work of the file actions, on the file thread: the reply's scripts.
+
+std::vector<std::string> readTextReply(const std::string& path, const ReplyText& reply) {
+  bool tooLarge = false;
+  std::string error;
+  auto text = readFileLimited(path, kMaxPresentable, tooLarge, error);
+  if (!text) return {reply(false, tooLarge ? kTooLarge : error)};
+  if (!g_utf8_validate_len(text->data(), text->size(), nullptr))
+    return {reply(false, "The file “" + path + "” couldn’t be read because it is not valid UTF-8 text.")};
+  const auto cuts = pieceCuts(*text);
+  return reply.inPieces(true, cuts.size() - 1, kPieceBytes + kPieceBytes / 8, [&](std::string& out, size_t i) {
+    appendJsonString(out, text->data() + cuts[i], cuts[i + 1] - cuts[i]);
+  });
+}
+
+std::vector<std::string> readBase64Reply(const std::string& path, const ReplyText& reply) {
+  bool tooLarge = false;
+  std::string error;
+  auto bytes = readFileLimited(path, kMaxPresentable, tooLarge, error);
+  if (!bytes) return {reply(false, tooLarge ? kTooLarge : error)};
+  // Whole groups of three bytes a piece, so the pieces' Base64 joins into
+  // the whole file's.
+  const size_t piece = kPieceBytes / 4 * 3;
+  const size_t count = std::max<size_t>(1, (bytes->size() + piece - 1) / piece);
+  return reply.inPieces(true, count, kPieceBytes + 2, [&](std::string& out, size_t i) {
+    const size_t start = i * piece;
+    out += '"';
+    appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()) + start, std::min(piece, bytes->size() - start));
+    out += '"';
+  });
+}
+
+std::vector<std::string> writeReply(const std::string& path, const std::string& content, const ReplyText& reply) {
+  if (path.find('/') != std::string::npos) {
+    auto made = makeDirectories(parentDirectory(path));
+    if (!made.ok) return {reply(false, made.error)};
+  }
+  auto written = writeFileAtomically(path, content);
+  return {written.ok ? reply(true, kOk) : reply(false, written.error)};
+}
+
 }  // namespace
 
 void Bridge::addBuiltInActions() {
@@ -184,25 +225,17 @@ void Bridge::addBuiltInActions() {
     setProjectDir(*id, *path);
     replyToJS(reqId, true, kOk);
   });
+  addFileActions();
+}
 
+void Bridge::addFileActions() {
   addAction("readFile", [this](const Json& reqId, const Json& args) {
     auto path = stringArg(args, 0);
     if (!path) {
       replyToJS(reqId, false, "readFile expects [path]");
       return;
     }
-    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
-      bool tooLarge = false;
-      std::string error;
-      auto text = readFileLimited(path, kMaxPresentable, tooLarge, error);
-      if (!text) return {reply(false, tooLarge ? kTooLarge : error)};
-      if (!g_utf8_validate_len(text->data(), text->size(), nullptr))
-        return {reply(false, "The file “" + path + "” couldn’t be read because it is not valid UTF-8 text.")};
-      const auto cuts = pieceCuts(*text);
-      return reply.inPieces(true, cuts.size() - 1, kPieceBytes + kPieceBytes / 8, [&](std::string& out, size_t i) {
-        appendJsonString(out, text->data() + cuts[i], cuts[i + 1] - cuts[i]);
-      });
-    });
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) { return readTextReply(path, reply); });
   });
 
   addAction("readFileBase64", [this](const Json& reqId, const Json& args) {
@@ -211,23 +244,7 @@ void Bridge::addBuiltInActions() {
       replyToJS(reqId, false, "readFileBase64 expects [path]");
       return;
     }
-    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) -> std::vector<std::string> {
-      bool tooLarge = false;
-      std::string error;
-      auto bytes = readFileLimited(path, kMaxPresentable, tooLarge, error);
-      if (!bytes) return {reply(false, tooLarge ? kTooLarge : error)};
-      // Whole groups of three bytes a piece, so the pieces' Base64 joins into
-      // the whole file's.
-      const size_t piece = kPieceBytes / 4 * 3;
-      const size_t count = std::max<size_t>(1, (bytes->size() + piece - 1) / piece);
-      return reply.inPieces(true, count, kPieceBytes + 2, [&](std::string& out, size_t i) {
-        const size_t start = i * piece;
-        out += '"';
-        appendBase64(out, reinterpret_cast<const guchar*>(bytes->data()) + start,
-                     std::min(piece, bytes->size() - start));
-        out += '"';
-      });
-    });
+    replyFromFileThread(reqId, [path = *path](const ReplyText& reply) { return readBase64Reply(path, reply); });
   });
 
   addAction("writeFile", [this](const Json& reqId, Json& args) {
@@ -241,12 +258,7 @@ void Bridge::addBuiltInActions() {
     std::string content;
     if (args.size() > 1 && args[1].is_string()) content = std::move(args[1].get_ref<std::string&>());
     replyFromFileThread(reqId, [path = *path, content = std::move(content)](const ReplyText& reply) {
-      if (path.find('/') != std::string::npos) {
-        auto made = makeDirectories(parentDirectory(path));
-        if (!made.ok) return std::vector<std::string>{reply(false, made.error)};
-      }
-      auto written = writeFileAtomically(path, content);
-      return std::vector<std::string>{written.ok ? reply(true, kOk) : reply(false, written.error)};
+      return writeReply(path, content, reply);
     });
   });
 

@@ -17,18 +17,13 @@
 #include <csignal>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 extern char** environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// Reaped state of every child, and the count of those still unreaped, share
-// one lock: waiting for one child and waiting for all use the same signal.
-std::mutex gReapMutex;
-std::condition_variable gReapChanged;
-int gLiveChildren = 0;
 
 constexpr auto kKillGrace = std::chrono::seconds(2);
 // After the child is reaped, standard error can only be held open by a
@@ -58,12 +53,85 @@ bool liftAbove2(int& fd) {
   return true;
 }
 
-bool makePipe(int fds[2]) {
+// A descriptor that is closed when it goes out of scope unless released.
+class OwnedFd {
+ public:
+  OwnedFd() = default;
+  explicit OwnedFd(int fd) : fd_(fd) {}
+  ~OwnedFd() { reset(); }
+  OwnedFd(const OwnedFd&) = delete;
+  OwnedFd& operator=(const OwnedFd&) = delete;
+  OwnedFd& operator=(int fd) {
+    reset();
+    fd_ = fd;
+    return *this;
+  }
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset() { closeFd(fd_); }
+
+ private:
+  int fd_ = -1;
+};
+
+struct Pipe {
+  OwnedFd read, write;
+};
+
+// False with errno set.
+bool makePipe(Pipe& pipe) {
+  int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
-  if (liftAbove2(fds[0]) && liftAbove2(fds[1])) return true;
-  ::close(fds[0]);
-  ::close(fds[1]);
-  return false;
+  bool lifted = liftAbove2(fds[0]) && liftAbove2(fds[1]);
+  pipe.read = fds[0];
+  pipe.write = fds[1];
+  return lifted;
+}
+
+// Standard input, output and error, the pipe on which the child reports a
+// failed exec (it closes on exec), and the event that asks the watcher to
+// end the group.
+struct ChildPipes {
+  Pipe in, out, err, report;
+  OwnedFd stopEvent;
+
+  // 0, or the errno of what failed.
+  int open() {
+    if (!makePipe(in) || !makePipe(out) || !makePipe(err) || !makePipe(report)) return errno;
+    stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return stopEvent.get() < 0 ? errno : 0;
+  }
+  // The parent keeps none of the child's ends.
+  void closeChildEnds() {
+    in.read.reset();
+    out.write.reset();
+    err.write.reset();
+    report.write.reset();
+  }
+};
+
+// argv and the environment as execve takes them, built before fork: after
+// it, the child may not allocate.
+struct ExecImage {
+  std::vector<std::string> argvStrings, envStrings;
+  std::vector<char*> argv, envp;
+
+  explicit ExecImage(const SpawnRequest& request) : envStrings(request.environment) {
+    argvStrings.reserve(request.args.size() + 1);
+    argvStrings.push_back(request.executable);
+    argvStrings.insert(argvStrings.end(), request.args.begin(), request.args.end());
+    for (auto& s : argvStrings) argv.push_back(s.data());
+    argv.push_back(nullptr);
+    for (auto& s : envStrings) envp.push_back(s.data());
+    envp.push_back(nullptr);
+  }
+};
+
+int waitForExit(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
 }
 
 std::string describeErrno(const std::string& path, int err) { return path + ": " + std::strerror(err); }
@@ -102,6 +170,35 @@ std::string describeErrno(const std::string& path, int err) { return path + ": "
   ssize_t ignored = write(report, &fail, sizeof fail);
   (void)ignored;
   _exit(127);
+}
+
+// Forks the child, which execs the request; the app's signal handlers are
+// held off until then. The pid, or -1 with errno set.
+pid_t forkChild(const SpawnRequest& request, ExecImage& image, ChildPipes& pipes) {
+  sigset_t all, saved;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &saved);
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid == 0)
+    execChild(parent, pipes.in.read.get(), pipes.out.write.get(), pipes.err.write.get(), pipes.report.write.get(),
+              request.workingDirectory.c_str(), request.executable.c_str(), image.argv.data(), image.envp.data());
+  int forkErr = errno;
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  errno = forkErr;
+  return pid;
+}
+
+// 0 once the child has exec'd (the report pipe closed empty), else the
+// errno it reported (EIO when the pipe could not be read).
+int awaitExec(OwnedFd& report) {
+  int childErr = 0;
+  ssize_t n;
+  do n = read(report.get(), &childErr, sizeof childErr);
+  while (n < 0 && errno == EINTR);
+  report.reset();
+  if (n == 0) return 0;
+  return childErr ? childErr : EIO;
 }
 
 }  // namespace
@@ -207,106 +304,170 @@ void PipeWriter::close() {
 
 // ---- ChildProcess ----
 
+// The watcher thread's state while the child runs: which descriptors are
+// still open, and the deadlines of a terminate in progress.
+struct ChildProcess::Watcher {
+  ChildProcess& child;
+  std::string text;  // standard error so far
+  bool errOpen;
+  bool leaderExited = false, isReaped = false, stopping = false, killed = false;
+  Clock::time_point killAt{}, lingerUntil{};
+
+  void run() {
+    while (!isReaped || errOpen) {
+      if (!waitForEvents()) {
+        // Cannot happen with valid descriptors; never leave the child unreaped.
+        if (!isReaped) {
+          if (stopping) killpg(child.pid_, SIGKILL);
+          reap();
+        }
+        if (errOpen) finishStderr();
+        break;
+      }
+      applyDeadlines();
+    }
+    child.markFinished();
+  }
+
+  // Waits for output, the leader's exit, a terminate request or the next
+  // deadline, and takes in what came. False when poll itself failed.
+  bool waitForEvents() {
+    pollfd fds[3];
+    int count = 0, errIdx = -1, pidIdx = -1, stopIdx = -1;
+    if (errOpen) fds[errIdx = count++] = {child.stderr_, POLLIN, 0};
+    if (!leaderExited) fds[pidIdx = count++] = {child.pidFd_, POLLIN, 0};
+    if (!stopping) fds[stopIdx = count++] = {child.stopEvent_, POLLIN, 0};
+    int r = poll(fds, static_cast<nfds_t>(count), nextTimeoutMs());
+    if (r < 0) return errno == EINTR;
+    if (r == 0) return true;
+    if (errIdx >= 0 && fds[errIdx].revents) readStderr();
+    if (stopIdx >= 0 && fds[stopIdx].revents) beginStopping();
+    if (pidIdx >= 0 && fds[pidIdx].revents) {
+      leaderExited = true;
+      child.markExited();
+    }
+    return true;
+  }
+
+  // -1 (none) or the milliseconds until the nearest deadline.
+  int nextTimeoutMs() const {
+    auto now = Clock::now();
+    auto msUntil = [&](Clock::time_point t) {
+      auto ms = std::chrono::ceil<std::chrono::milliseconds>(t - now).count();
+      return static_cast<int>(std::max<long long>(0, ms));
+    };
+    int timeout = -1;
+    auto lower = [&](int ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
+    if (stopping && !killed) lower(msUntil(killAt));
+    if (stopping && leaderExited && !isReaped) lower(kGroupRecheckMs);
+    if (isReaped && errOpen) lower(msUntil(lingerUntil));
+    return timeout;
+  }
+
+  void readStderr() {
+    char buf[65536];
+    ssize_t n = read(child.stderr_, buf, sizeof buf);
+    if (n > 0) {
+      if (text.size() < kStderrKeep) text.append(buf, std::min<size_t>(n, kStderrKeep - text.size()));
+    } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+      finishStderr();
+    }
+  }
+
+  void beginStopping() {
+    stopping = true;
+    killAt = Clock::now() + kKillGrace;
+    if (!isReaped) killpg(child.pid_, SIGTERM);
+  }
+
+  void applyDeadlines() {
+    auto now = Clock::now();
+    if (stopping && !killed && now >= killAt) {
+      // The leader is not reaped yet, so the group id cannot have been reused.
+      if (!isReaped) killpg(child.pid_, SIGKILL);
+      killed = true;
+    }
+    // An unreaped leader keeps its id, and so the group's, reserved; it is
+    // reaped once nothing else is left to signal. A leader that died on its
+    // own with members left waits (as a zombie) for terminate().
+    if (leaderExited && !isReaped && (killed || !groupHasLiveMembers(child.pid_))) reap();
+    if (isReaped && errOpen && now >= lingerUntil) finishStderr();
+  }
+
+  void reap() {
+    int status = waitForExit(child.pid_);
+    isReaped = true;
+    lingerUntil = Clock::now() + kStderrLinger;
+    child.markReaped(status);
+  }
+
+  void finishStderr() {
+    closeFd(child.stderr_);
+    errOpen = false;
+    if (!text.empty() && child.stderrSink_) {
+      try {
+        child.stderrSink_(std::move(text));
+      } catch (...) {
+      }
+    }
+    text.clear();
+  }
+};
+
+
 std::shared_ptr<ChildProcess> ChildProcess::spawn(const SpawnRequest& request, StderrSink stderrSink,
                                                   std::string* error) {
-  auto fail = [&](const std::string& text) {
-    if (error) *error = text;
+  auto fail = [&](int err) {
+    if (error) *error = describeErrno(request.executable, err);
     return std::shared_ptr<ChildProcess>();
   };
-  if (request.executable.empty() || request.executable[0] != '/')
-    return fail(request.executable + ": not an absolute path");
-
-  // Everything the child needs is built before fork: after it, no allocation.
-  std::vector<std::string> argvStrings;
-  argvStrings.reserve(request.args.size() + 1);
-  argvStrings.push_back(request.executable);
-  argvStrings.insert(argvStrings.end(), request.args.begin(), request.args.end());
-  std::vector<char*> argv;
-  for (auto& s : argvStrings) argv.push_back(s.data());
-  argv.push_back(nullptr);
-  std::vector<std::string> envStrings = request.environment;
-  std::vector<char*> envp;
-  for (auto& s : envStrings) envp.push_back(s.data());
-  envp.push_back(nullptr);
-
-  int in[2], out[2], err[2], report[2];
-  if (!makePipe(in)) return fail(describeErrno(request.executable, errno));
-  if (!makePipe(out)) {
-    int e = errno;
-    ::close(in[0]), ::close(in[1]);
-    return fail(describeErrno(request.executable, e));
+  if (request.executable.empty() || request.executable[0] != '/') {
+    if (error) *error = request.executable + ": not an absolute path";
+    return nullptr;
   }
-  if (!makePipe(err)) {
-    int e = errno;
-    ::close(in[0]), ::close(in[1]), ::close(out[0]), ::close(out[1]);
-    return fail(describeErrno(request.executable, e));
-  }
-  if (!makePipe(report)) {
-    int e = errno;
-    for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) ::close(fd);
-    return fail(describeErrno(request.executable, e));
-  }
-  int stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
-  // No signal handler of the app may run in the child before exec.
-  sigset_t all, saved;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &saved);
-  pid_t parent = getpid();
-  pid_t pid = stopEvent >= 0 ? fork() : -1;
-  if (pid == 0)
-    execChild(parent, in[0], out[1], err[1], report[1], request.workingDirectory.c_str(), request.executable.c_str(),
-              argv.data(), envp.data());
+  ExecImage image(request);
+  ChildPipes pipes;
+  if (int err = pipes.open()) return fail(err);
+  pid_t pid = forkChild(request, image, pipes);
   int forkErr = errno;
-  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  pipes.closeChildEnds();
+  if (pid < 0) return fail(forkErr);
 
-  for (int fd : {in[0], out[1], err[1], report[1]}) ::close(fd);
-  if (pid < 0) {
-    for (int fd : {in[1], out[0], err[0], report[0]}) ::close(fd);
-    if (stopEvent >= 0) ::close(stopEvent);
-    return fail(describeErrno(request.executable, stopEvent < 0 ? errno : forkErr));
-  }
-
-  int childErr = 0;
-  ssize_t n;
-  do n = read(report[0], &childErr, sizeof childErr);
-  while (n < 0 && errno == EINTR);
-  ::close(report[0]);
-  int pidFd = n == 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
-  if (n != 0 || pidFd < 0) {
-    int why = n != 0 ? childErr : errno;
-    if (n == 0) kill(pid, SIGKILL);  // exec'd, but cannot be watched
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    for (int fd : {in[1], out[0], err[0], stopEvent}) ::close(fd);
-    return fail(describeErrno(request.executable, why ? why : EIO));
+  int execErr = awaitExec(pipes.report.read);
+  int pidFd = execErr ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (execErr || pidFd < 0) {
+    int why = execErr ? execErr : errno;
+    if (!execErr) kill(pid, SIGKILL);  // exec'd, but cannot be watched
+    waitForExit(pid);
+    return fail(why ? why : EIO);
   }
 
   std::shared_ptr<ChildProcess> child(new ChildProcess());
   child->pid_ = pid;
   child->pidFd_ = pidFd;
-  child->stdout_ = out[0];
-  child->stderr_ = err[0];
-  child->stopEvent_ = stopEvent;
-  child->stdin_ = std::make_shared<PipeWriter>(in[1]);
+  child->stdout_ = pipes.out.read.release();
+  child->stderr_ = pipes.err.read.release();
+  child->stopEvent_ = pipes.stopEvent.release();
+  child->stdin_ = std::make_shared<PipeWriter>(pipes.in.write.release());
   child->stderrSink_ = std::move(stderrSink);
-  {
-    std::lock_guard lock(gReapMutex);
-    ++gLiveChildren;
-  }
+  std::string reason;
+  if (child->startWatcher(&reason)) return child;
+  if (error) *error = request.executable + ": " + reason;
+  return nullptr;
+}
+
+bool ChildProcess::startWatcher(std::string* reason) {
   // The watcher keeps the object alive until the child is reaped.
   try {
-    std::thread([child] { child->watch(); }).detach();
+    std::thread([self = shared_from_this()] { Watcher{*self, {}, self->stderr_ >= 0}.run(); }).detach();
+    return true;
   } catch (const std::exception& e) {
-    kill(pid, SIGKILL);
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    child->markReaped(status);
-    return fail(request.executable + ": " + e.what());
+    kill(pid_, SIGKILL);
+    markReaped(waitForExit(pid_));
+    *reason = e.what();
+    return false;
   }
-  return child;
 }
 
 ChildProcess::~ChildProcess() {
@@ -333,57 +494,48 @@ void ChildProcess::terminate() {
 }
 
 bool ChildProcess::reaped() const {
-  std::lock_guard lock(gReapMutex);
+  std::lock_guard lock(stateMutex_);
   return reaped_;
 }
 
 int ChildProcess::waitStatus() const {
-  std::lock_guard lock(gReapMutex);
+  std::lock_guard lock(stateMutex_);
   return status_;
 }
 
-bool ChildProcess::waitUntilReaped(double seconds) {
-  std::unique_lock lock(gReapMutex);
-  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return reaped_; });
+bool ChildProcess::waitFor(double seconds, const bool& flag) {
+  std::unique_lock lock(stateMutex_);
+  return stateChanged_.wait_for(lock, std::chrono::duration<double>(seconds), [&flag] { return flag; });
 }
 
-bool ChildProcess::waitUntilExited(double seconds) {
-  std::unique_lock lock(gReapMutex);
-  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return exited_; });
-}
-
-bool ChildProcess::waitUntilFinished(double seconds) {
-  std::unique_lock lock(gReapMutex);
-  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return finished_; });
-}
-
-int ChildProcess::liveChildren() {
-  std::lock_guard lock(gReapMutex);
-  return gLiveChildren;
-}
-
-bool ChildProcess::waitForAllReaped(double seconds) {
-  std::unique_lock lock(gReapMutex);
-  return gReapChanged.wait_for(lock, std::chrono::duration<double>(seconds), [] { return gLiveChildren == 0; });
-}
+bool ChildProcess::waitUntilReaped(double seconds) { return waitFor(seconds, reaped_); }
+bool ChildProcess::waitUntilExited(double seconds) { return waitFor(seconds, exited_); }
+bool ChildProcess::waitUntilFinished(double seconds) { return waitFor(seconds, finished_); }
 
 void ChildProcess::markExited() {
   {
-    std::lock_guard lock(gReapMutex);
+    std::lock_guard lock(stateMutex_);
     exited_ = true;
   }
-  gReapChanged.notify_all();
+  stateChanged_.notify_all();
 }
 
 void ChildProcess::markReaped(int status) {
   {
-    std::lock_guard lock(gReapMutex);
+    std::lock_guard lock(stateMutex_);
     exited_ = true;
     reaped_ = true;
     status_ = status;
-    --gLiveChildren;
   }
-  gReapChanged.notify_all();
+  stateChanged_.notify_all();
+}
+
+void ChildProcess::markFinished() {
+  {
+    std::lock_guard lock(stateMutex_);
+    finished_ = true;
+  }
+  stateChanged_.notify_all();
 }
 
 bool ChildProcess::groupHasLiveMembers(pid_t pgid) {
@@ -415,100 +567,4 @@ bool ChildProcess::groupHasLiveMembers(pid_t pgid) {
   }
   closedir(proc);
   return found;
-}
-
-void ChildProcess::watch() {
-  std::string text;
-  bool errOpen = stderr_ >= 0;
-  bool leaderExited = false, isReaped = false, stopping = false, killed = false;
-  Clock::time_point killAt{}, lingerUntil{};
-
-  auto finishStderr = [&] {
-    closeFd(stderr_);
-    errOpen = false;
-    if (!text.empty() && stderrSink_) {
-      try {
-        stderrSink_(std::move(text));
-      } catch (...) {
-      }
-    }
-    text.clear();
-  };
-  auto reap = [&] {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    isReaped = true;
-    lingerUntil = Clock::now() + kStderrLinger;
-    markReaped(status);
-  };
-
-  while (!isReaped || errOpen) {
-    pollfd fds[3];
-    int count = 0, errIdx = -1, pidIdx = -1, stopIdx = -1;
-    if (errOpen) fds[errIdx = count++] = {stderr_, POLLIN, 0};
-    if (!leaderExited) fds[pidIdx = count++] = {pidFd_, POLLIN, 0};
-    if (!stopping) fds[stopIdx = count++] = {stopEvent_, POLLIN, 0};
-
-    auto now = Clock::now();
-    auto msUntil = [&](Clock::time_point t) {
-      auto ms = std::chrono::ceil<std::chrono::milliseconds>(t - now).count();
-      return static_cast<int>(std::max<long long>(0, ms));
-    };
-    int timeout = -1;
-    auto lower = [&](int ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
-    if (stopping && !killed) lower(msUntil(killAt));
-    if (stopping && leaderExited && !isReaped) lower(kGroupRecheckMs);
-    if (isReaped && errOpen) lower(msUntil(lingerUntil));
-
-    int r = poll(fds, static_cast<nfds_t>(count), timeout);
-    if (r < 0 && errno != EINTR) {
-      // Cannot happen with valid descriptors; never leave the child unreaped.
-      if (!isReaped) {
-        if (stopping) killpg(pid_, SIGKILL);
-        reap();
-      }
-      if (errOpen) finishStderr();
-      break;
-    }
-    if (r > 0) {
-      if (errIdx >= 0 && fds[errIdx].revents) {
-        char buf[65536];
-        ssize_t n = read(stderr_, buf, sizeof buf);
-        if (n > 0) {
-          if (text.size() < kStderrKeep) text.append(buf, std::min<size_t>(n, kStderrKeep - text.size()));
-        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
-          finishStderr();
-        }
-      }
-      if (stopIdx >= 0 && fds[stopIdx].revents) {
-        stopping = true;
-        killAt = Clock::now() + kKillGrace;
-        if (!isReaped) killpg(pid_, SIGTERM);
-      }
-      if (pidIdx >= 0 && fds[pidIdx].revents) {
-        leaderExited = true;
-        markExited();
-      }
-    }
-
-    now = Clock::now();
-    if (stopping && !killed && now >= killAt) {
-      // The leader is not reaped yet, so the group id cannot have been reused.
-      if (!isReaped) killpg(pid_, SIGKILL);
-      killed = true;
-    }
-    if (leaderExited && !isReaped) {
-      // An unreaped leader keeps its id, and so the group's, reserved; it is
-      // reaped once nothing else is left to signal. A leader that died on its
-      // own with members left waits (as a zombie) for terminate().
-      if (killed || !groupHasLiveMembers(pid_)) reap();
-    }
-    if (isReaped && errOpen && now >= lingerUntil) finishStderr();
-  }
-  {
-    std::lock_guard lock(gReapMutex);
-    finished_ = true;
-  }
-  gReapChanged.notify_all();
 }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -54,7 +55,9 @@ struct SpawnRequest {
 // the spawning thread dies, so spawn from a thread that lives as long as the
 // child may (the main thread). A watcher thread per child drains standard
 // error all the time, reaps the child, and carries out terminate():
-// SIGTERM to the group, SIGKILL to whatever is left of it 2 s later.
+// SIGTERM to the group, SIGKILL to whatever is left of it 2 s later. The
+// watcher is a thread of its own, not a pool's: it lives as long as the
+// child, and it must go on while the main thread waits at quit.
 class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
  public:
   // Called once on the watcher thread with everything the child wrote to
@@ -93,20 +96,20 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   // Exit status as waitpid reports it; meaningful once reaped.
   int waitStatus() const;
 
-  // Children spawned by this process and not yet reaped.
-  static int liveChildren();
-  // Waits until every child of this process has been reaped, or the time ran
-  // out; true when none is left.
-  static bool waitForAllReaped(double seconds);
-
   // Exposed for tests: whether some process other than a zombie is in the group.
   static bool groupHasLiveMembers(pid_t pgid);
 
  private:
+  struct Watcher;
+
   ChildProcess() = default;
-  void watch();
+  // False with the reason when no watcher thread could be started; the
+  // child is then killed and reaped.
+  bool startWatcher(std::string* reason);
   void markExited();
   void markReaped(int status);
+  void markFinished();
+  bool waitFor(double seconds, const bool& flag);
 
   pid_t pid_ = -1;
   int pidFd_ = -1;
@@ -117,6 +120,9 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   StderrSink stderrSink_;
   std::atomic<bool> terminating_{false};
 
+  // The watcher's progress, for the waits above.
+  mutable std::mutex stateMutex_;
+  std::condition_variable stateChanged_;
   bool exited_ = false;
   bool reaped_ = false;
   bool finished_ = false;

@@ -1,20 +1,16 @@
 #include "mcp/client_mcp.h"
 
-#include <glib.h>
 #include <sys/stat.h>
-
-#include <mutex>
 
 #include "base/files.h"
 #include "base/log.h"
 #include "base/main_thread.h"
 #include "base/paths.h"
+#include "base/text.h"
 #include "mcp/child_process.h"
 #include "mcp/config_watch.h"
 #include "mcp/mcp_task.h"
 #include "mcp/server_config.h"
-
-std::vector<std::shared_ptr<McpTask>> gMcpTasks;
 
 namespace {
 
@@ -24,11 +20,11 @@ constexpr const char* kDefaultConfig = "{\n  \"mcpServers\": {\n  }\n}\n";
 // else as compact JSON.
 std::string asText(const Json& value) { return value.is_string() ? value.get<std::string>() : describeJson(value); }
 
-bool isValidUtf8(const std::string& text) {
-  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
-}
-
 }  // namespace
+
+ClientMcp::ClientMcp() : context_(std::make_shared<McpServerContext>()) {}
+
+ClientMcp::~ClientMcp() { shutdown(); }
 
 std::string ClientMcp::ensureConfigFile() {
   std::string path = ondrelConfigPath();
@@ -67,8 +63,8 @@ std::optional<std::string> ClientMcp::writeConfig(const Json& content) {
 
 void ClientMcp::loadConfig() {
   // What is in flight on the old servers answers at once, with the reason.
-  for (auto& task : gMcpTasks) task->stop("restarted");
-  gMcpTasks.clear();
+  for (auto& task : mcpTasks_) task->stop("restarted");
+  mcpTasks_.clear();
 
   std::string path = ensureConfigFile();
   auto bytes = readWholeFile(path);
@@ -96,17 +92,17 @@ void ClientMcp::loadConfig() {
     }
     auto args = entry.find("args");
     auto env = entry.find("env");
-    auto task = McpTask::create(name, command->get<std::string>(), ondrelMcpArgs(args != entry.end() ? *args : Json()),
+    auto task = McpTask::create(context_, name, command->get<std::string>(), ondrelMcpArgs(args != entry.end() ? *args : Json()),
                                 ondrelMcpEnv(env != entry.end() ? *env : Json()));
-    gMcpTasks.push_back(task);
+    mcpTasks_.push_back(task);
     task->start();
   }
-  logLine("[MCP] loaded " + std::to_string(gMcpTasks.size()) + " server(s) from " + path);
+  logLine("[MCP] loaded " + std::to_string(mcpTasks_.size()) + " server(s) from " + path);
 }
 
 void ClientMcp::shutdown() {
   std::vector<std::shared_ptr<ChildProcess>> children;
-  for (auto& task : gMcpTasks) {
+  for (auto& task : mcpTasks_) {
     if (auto child = task->child()) children.push_back(child);
     task->stop();
   }
@@ -125,25 +121,21 @@ void ClientMcp::configDidChange() {
   auto config = parseJson(*bytes);
   if (config && config->is_object()) {
     logLine("[MCP] config.json changed on disk — reloading servers");
-    runOnMain([] { loadConfig(); });
+    loadConfig();
   } else {
     logLine("[MCP] config.json changed on disk but is not valid JSON — keeping current servers");
   }
 }
 
 void ClientMcp::watchConfigFile() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    // Lives as long as the process; never re-armed.
-    ConfigWatch::start(parentDirectory(ondrelConfigPath()), [] { configDidChange(); }).release();
-  });
+  if (!watch_) watch_ = ConfigWatch::start(parentDirectory(ondrelConfigPath()), [this] { configDidChange(); });
 }
 
 std::string ClientMcp::namespaceFor(const std::string& name) { return ondrelMcpNamespace(name); }
 
-std::shared_ptr<McpTask> ClientMcp::taskNamed(const std::optional<std::string>& ns) {
+std::shared_ptr<McpTask> ClientMcp::taskNamed(const std::optional<std::string>& ns) const {
   if (!ns) return nullptr;
-  for (auto& task : gMcpTasks)
+  for (auto& task : mcpTasks_)
     if (namespaceFor(task->name()) == *ns) return task;
   return nullptr;
 }
@@ -175,7 +167,7 @@ void ClientMcp::listServersWithCompletion(std::function<void(Json servers)> comp
   auto group = std::make_shared<Group>();
   group->completion = std::move(completion);
 
-  for (auto& task : gMcpTasks) {
+  for (auto& task : mcpTasks_) {
     ++group->outstanding;
     std::string ns = namespaceFor(task->name());
     std::string name = task->name();

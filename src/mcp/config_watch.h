@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 // The first change of a burst is accepted and asks for one check `interval`
 // later; changes within `interval` of the last accepted one are dropped. A
@@ -27,12 +28,14 @@ class ChangeThrottle {
 };
 
 // Watches a directory (not a file: editors and atomic saves replace the file,
-// which a watch on the file itself would lose) with inotify on a thread of
-// its own, throttled as above; `check` runs on that thread. Destroying the
-// watch ends the thread.
+// which a watch on the file itself would lose) through GIO, throttled as
+// above; events and `check` run on the main context of the thread that
+// started the watch. Destroying the watch ends it, a check still due
+// included.
 class ConfigWatch {
  public:
-  // nullptr when the directory cannot be created or watched.
+  // Creates the directory when it is missing; nullptr when it cannot be
+  // created or watched.
   static std::unique_ptr<ConfigWatch> start(const std::string& directory, std::function<void()> check,
                                             double interval = 0.5);
   ~ConfigWatch();
@@ -40,7 +43,12 @@ class ConfigWatch {
   ConfigWatch& operator=(const ConfigWatch&) = delete;
 
  private:
-  struct State;
-  explicit ConfigWatch(std::shared_ptr<State> state) : state_(std::move(state)) {}
-  std::shared_ptr<State> state_;
+  ConfigWatch(std::function<void()> check, double interval) : check_(std::move(check)), throttle_(interval) {}
+  void changed();
+
+  std::function<void()> check_;
+  ChangeThrottle throttle_;
+  struct _GFileMonitor* monitor_ = nullptr;
+  struct _GMainContext* context_ = nullptr;  // where the monitor reports
+  std::vector<struct _GSource*> dueChecks_;  // one timeout per accepted change
 };

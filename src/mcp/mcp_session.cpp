@@ -12,8 +12,6 @@
 #include "mcp/mcp_task.h"
 #include "mcp/serial_queue.h"
 
-int64_t gMcpSeq = 0;
-
 namespace {
 
 // The client's ids are integers; a response's id matches when it is the same
@@ -43,11 +41,9 @@ bool echoable(const Json& id) {
 
 Json McpTask::clientError(const std::string& message) { return Json{{"error", {{"message", message}}}}; }
 
-int64_t McpTask::nextId() { return ++gMcpSeq; }
-
 void McpTask::sendRequest(const std::string& method, const std::optional<Json>& params, double timeout,
                           ResponseHandler completion) {
-  int64_t id = nextId();
+  int64_t id = _context->nextRequestId();
 
   auto finish = std::make_shared<Finish>(std::move(completion));
   bool wantsAnswer = static_cast<bool>(finish->completion);
@@ -139,32 +135,34 @@ void McpTask::writeInOrder(std::string line) {
       return;
     }
   }
-  // The write thread takes over (and keeps _writing) until the outbox is empty.
-  _writeQueue->async([weak = weak_from_this(), name = _name] {
-    for (;;) {
-      std::string bytes;
-      std::shared_ptr<PipeWriter> input;
-      {
-        auto self = weak.lock();
-        if (!self) return;
-        std::lock_guard lock(self->_lock);
-        if (self->_outbox.empty() || self->_died || !self->_stdin) {
-          self->_outbox.clear();
-          self->_writing = false;
-          return;
-        }
-        bytes.swap(self->_outbox);
-        input = self->_stdin;
+  // The write queue takes over (and keeps _writing) until the outbox is empty.
+  _writeQueue->async([weak = weak_from_this(), name = _name] { drainOutbox(weak, name); });
+}
+
+void McpTask::drainOutbox(const std::weak_ptr<McpTask>& weak, const std::string& name) {
+  for (;;) {
+    std::string bytes;
+    std::shared_ptr<PipeWriter> input;
+    {
+      auto self = weak.lock();
+      if (!self) return;
+      std::lock_guard lock(self->_lock);
+      if (self->_outbox.empty() || self->_died || !self->_stdin) {
+        self->_outbox.clear();
+        self->_writing = false;
+        return;
       }
-      // Not holding the server meanwhile: stop() closes the input, which
-      // ends a write that waits for a server that does not read.
-      std::string reason;
-      if (!input->writeAll(bytes, &reason)) {
-        auto self = weak.lock();
-        if (!(self && self->_stopped)) logLine("[MCP " + name + "] write failed: " + reason);
-      }
+      bytes.swap(self->_outbox);
+      input = self->_stdin;
     }
-  });
+    // Not holding the server meanwhile: stop() closes the input, which ends
+    // a write that waits for a server that does not read.
+    std::string reason;
+    if (!input->writeAll(bytes, &reason)) {
+      auto self = weak.lock();
+      if (!(self && self->_stopped)) logLine("[MCP " + name + "] write failed: " + reason);
+    }
+  }
 }
 
 void McpTask::sendMessage(const Json& message) {

@@ -48,60 +48,59 @@ double steadySeconds() {
 }
 
 std::string validUtf8(const std::string& bytes) {
-  gchar* valid = g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size()));
-  std::string text(valid);
-  g_free(valid);
-  return text;
+  g_autofree gchar* valid = g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size()));
+  return valid;
 }
 
 }  // namespace
 
-std::shared_ptr<McpTask> McpTask::create(std::string name, std::string command, std::vector<std::string> args,
-                                         std::map<std::string, std::string> env) {
-  return std::shared_ptr<McpTask>(new McpTask(std::move(name), std::move(command), std::move(args), std::move(env)));
-}
-
-McpTask::McpTask(std::string name, std::string command, std::vector<std::string> args,
-                 std::map<std::string, std::string> env)
-    : _command(std::move(command)),
-      _args(std::move(args)),
-      _env(std::move(env)),
-      _writeQueue(std::make_unique<SerialQueue>("ondrel.mcp.write")),
-      _name(std::move(name)) {}
-
-McpTask::~McpTask() {
-  // A server that is let go without stop() must not run on unowned.
-  stop();
-  _writeQueue->close();
-}
-
-std::optional<std::string> McpTask::shellDerivedPath() {
-  static std::once_flag once;
-  static std::optional<std::string> cached;
-  std::call_once(once, [] {
+std::optional<std::string> McpServerContext::shellDerivedPath() {
+  std::call_once(shellProbed_, [this] {
     try {
       std::string pw = passwdShell();
       std::string shell = ondrelLoginShell(g_getenv("SHELL"), pw.c_str());
       auto path = ondrelProbeShellPath(shell);
       if (!path) return;
-      cached = path;
+      shellPath_ = path;
       logLine("[MCP] using shell PATH from " + shell + " (" + std::to_string(ondrelSplit(*path, ':').size()) +
               " entries)");
     } catch (...) {
       // No shell PATH; the other directories still apply.
     }
   });
-  return cached;
+  return shellPath_;
 }
 
-std::vector<std::string> McpTask::searchDirs() {
+std::vector<std::string> McpServerContext::searchDirs() {
   return ondrelSearchDirs(shellDerivedPath(), g_getenv("PATH"), ondrelHomeDir());
 }
 
-std::optional<std::string> McpTask::resolveExecutable(const std::string& command) {
+std::optional<std::string> McpServerContext::resolveExecutable(const std::string& command) {
   if (command.empty()) return std::nullopt;
   if (command[0] == '/') return ondrelResolveIn(command, {});
   return ondrelResolveIn(command, searchDirs());
+}
+
+std::shared_ptr<McpTask> McpTask::create(std::shared_ptr<McpServerContext> context, std::string name,
+                                         std::string command, std::vector<std::string> args,
+                                         std::map<std::string, std::string> env) {
+  return std::shared_ptr<McpTask>(
+      new McpTask(std::move(context), std::move(name), std::move(command), std::move(args), std::move(env)));
+}
+
+McpTask::McpTask(std::shared_ptr<McpServerContext> context, std::string name, std::string command,
+                 std::vector<std::string> args, std::map<std::string, std::string> env)
+    : _context(std::move(context)),
+      _command(std::move(command)),
+      _args(std::move(args)),
+      _env(std::move(env)),
+      _writeQueue(std::make_unique<SerialQueue>()),
+      _name(std::move(name)) {}
+
+McpTask::~McpTask() {
+  // A server that is let go without stop() must not run on unowned.
+  stop();
+  _writeQueue->close();
 }
 
 bool McpTask::isRunning() const {
@@ -126,7 +125,7 @@ void McpTask::start() {
     logLine("[MCP " + _name + "] " + reason);
   };
   _launchFailure.clear();
-  auto resolved = resolveExecutable(_command);
+  auto resolved = _context->resolveExecutable(_command);
   if (!resolved) {
     fail("command not found: " + _command);
     return;
@@ -136,11 +135,32 @@ void McpTask::start() {
   request.executable = *resolved;
   request.args = _args;
   request.workingDirectory = ondrelHomeDir();
+  request.environment = launchEnvironment();
+  {
+    std::lock_guard lock(_lock);
+    _standardError.clear();
+  }
+  std::string error;
+  auto child = ChildProcess::spawn(request, standardErrorSink(), &error);
+  if (!child) {
+    fail("launch failed: " + error);
+    return;
+  }
+  if (!adopt(child)) {
+    fail("launch failed: no thread for its output");
+    stop();
+    return;
+  }
 
-  // This process's environment with the configured entries laid over it. A
-  // configured PATH is taken as it is; otherwise the search list comes first
-  // so the server finds the same tools (node for npx, python for uvx) that
-  // its own command was found with.
+  std::string joined;
+  for (size_t i = 0; i < _args.size(); ++i) joined += (i ? " " : "") + _args[i];
+  logLine("[MCP " + _name + "] started " + *resolved + " " + joined);
+}
+
+std::vector<std::string> McpTask::launchEnvironment() {
+  // A configured PATH is taken as it is; otherwise the search list comes
+  // first so the server finds the same tools (node for npx, python for uvx)
+  // that its own command was found with.
   std::vector<std::pair<std::string, std::string>> env;
   for (char** e = environ; e && *e; ++e) {
     std::string entry = *e;
@@ -159,38 +179,31 @@ void McpTask::start() {
   for (const auto& [key, value] : _env) set(key, value);
   if (!_env.count("PATH")) {
     std::string path;
-    for (const auto& dir : searchDirs()) path += (path.empty() ? "" : ":") + dir;
+    for (const auto& dir : _context->searchDirs()) path += (path.empty() ? "" : ":") + dir;
     const char* inherited = g_getenv("PATH");
     if (inherited && *inherited) path += std::string(":") + inherited;
     set("PATH", path);
   }
-  for (const auto& [key, value] : env) request.environment.push_back(key + "=" + value);
+  std::vector<std::string> entries;
+  for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
+  return entries;
+}
 
-  {
-    std::lock_guard lock(_lock);
-    _standardError.clear();
-  }
-  std::string name = _name;
-  std::string error;
-  auto child = ChildProcess::spawn(
-      request,
-      // Logged from the watcher thread (the log hops to the main thread for
-      // the panel itself): at quit the main loop no longer runs, and what a
-      // server said on its way out must still reach the system log.
-      [name, weak = weak_from_this()](std::string text) {
-        std::string said = validUtf8(text);
-        logLine("[MCP " + name + "] stderr: " + said);
-        if (auto self = weak.lock()) {
-          std::lock_guard lock(self->_lock);
-          self->_standardError = std::move(said);
-        }
-      },
-      &error);
-  if (!child) {
-    fail("launch failed: " + error);
-    return;
-  }
+std::function<void(std::string)> McpTask::standardErrorSink() {
+  // Logged from the watcher thread (the log hops to the main thread for
+  // the panel itself): at quit the main loop no longer runs, and what a
+  // server said on its way out must still reach the system log.
+  return [name = _name, weak = weak_from_this()](std::string text) {
+    std::string said = validUtf8(text);
+    logLine("[MCP " + name + "] stderr: " + said);
+    if (auto self = weak.lock()) {
+      std::lock_guard lock(self->_lock);
+      self->_standardError = std::move(said);
+    }
+  };
+}
 
+bool McpTask::adopt(const std::shared_ptr<ChildProcess>& child) {
   // Nothing is pending here: requests are only entered while a child runs,
   // and its end (stop or exit) answers them all.
   {
@@ -204,20 +217,102 @@ void McpTask::start() {
   _stopped = false;
   _tools.reset();
 
+  // A thread of its own rather than a pool's: it waits on the server's
+  // output for the server's whole life.
   int out = child->takeStdout();
   try {
     std::thread(&McpTask::readLoop, weak_from_this(), _name, out, _limits.outputLine, child).detach();
+    return true;
   } catch (...) {
     ::close(out);
-    fail("launch failed: no thread for its output");
-    stop();
-    return;
+    return false;
+  }
+}
+
+namespace {
+
+// The reader thread's side of one server's standard output: splits it into
+// lines, hands each to the server object while one exists, and keeps the
+// log of its notifications within bounds.
+class OutputReader {
+ public:
+  OutputReader(std::weak_ptr<McpTask> weak, std::string name, size_t maxLine)
+      : weak_(std::move(weak)), name_(std::move(name)), maxLine_(maxLine), buffer_(maxLine) {}
+
+  // Reads until end of file, a read error, a terminate request or the
+  // server object is gone; then hands over what is left.
+  void run(int fd, ChildProcess& child) {
+    while (!gone_ && !child.terminateRequested()) {
+      pollfd fds[2] = {{fd, POLLIN, 0}, {child.terminateEventFd(), POLLIN, 0}};
+      int r = poll(fds, 2, nextReportMs());
+      if (r < 0) {
+        if (errno == EINTR) continue;
+        break;
+      }
+      // A flood that has ended is still owed its count.
+      reportHeldBack(notes_.takeDue(steadySeconds()));
+      if (fds[1].revents) break;
+      if (fds[0].revents && !readChunk(fd)) break;
+    }
+    std::string rest = buffer_.takeRest();
+    if (!rest.empty()) deliver(rest);
+    reportHeldBack(notes_.takeAll());
   }
 
-  std::string joined;
-  for (size_t i = 0; i < _args.size(); ++i) joined += (i ? " " : "") + _args[i];
-  logLine("[MCP " + _name + "] started " + *resolved + " " + joined);
-}
+ private:
+  // -1, or the milliseconds until held-back notifications are to be counted.
+  int nextReportMs() {
+    auto due = notes_.due();
+    if (!due) return -1;
+    return static_cast<int>(std::clamp(std::ceil((*due - steadySeconds()) * 1000), 0.0, 60000.0));
+  }
+
+  // False at end of file or on a read error.
+  bool readChunk(int fd) {
+    char chunk[4096];
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) return true;
+    if (n <= 0) return false;
+    buffer_.append(chunk, static_cast<size_t>(n), [this](std::string_view line) { deliver(line); });
+    if (size_t dropped = buffer_.takeDropped())
+      logLine("[MCP " + name_ + "] skipped " + std::to_string(dropped) + " output line(s) longer than " +
+              std::to_string(maxLine_) + " bytes");
+    return true;
+  }
+
+  void deliver(std::string_view line) {
+    if (gone_) return;
+    auto self = weak_.lock();
+    if (!self) {
+      gone_ = true;
+      return;
+    }
+    try {
+      auto note = self->processLine(line);
+      if (!note) return;
+      double now = steadySeconds();
+      reportHeldBack(notes_.takeDue(now));
+      if (notes_.admit(now)) logLine("[MCP " + name_ + "] " + abbreviateForLog(*note));
+    } catch (...) {
+      // A line that trips the parser or the allocator is dropped like any
+      // other malformed line.
+    }
+  }
+
+  void reportHeldBack(size_t count) {
+    if (count)
+      logLine("[MCP " + name_ + "] " + std::to_string(count) + " more notification(s) not logged: too many at once");
+  }
+
+  std::weak_ptr<McpTask> weak_;
+  std::string name_;
+  size_t maxLine_;
+  LineBuffer buffer_;
+  LogRateLimit notes_{kNotesPerSecond, kNoteBurst, kNoteReportAfter};
+  bool gone_ = false;
+};
+
+}  // namespace
 
 void McpTask::readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
                        std::shared_ptr<ChildProcess> child) {
@@ -226,66 +321,10 @@ void McpTask::readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, si
     ::close(fd);
     return;
   }
-  LineBuffer buffer(maxLine);
-  LogRateLimit notes(kNotesPerSecond, kNoteBurst, kNoteReportAfter);
-  auto reportHeldBack = [&](size_t count) {
-    if (count)
-      logLine("[MCP " + name + "] " + std::to_string(count) + " more notification(s) not logged: too many at once");
-  };
-  bool gone = false;
-  auto deliver = [&](std::string_view line) {
-    if (gone) return;
-    auto self = weak.lock();
-    if (!self) {
-      gone = true;
-      return;
-    }
-    try {
-      auto note = self->processLine(line);
-      if (!note) return;
-      double now = steadySeconds();
-      reportHeldBack(notes.takeDue(now));
-      if (notes.admit(now)) logLine("[MCP " + name + "] " + abbreviateForLog(*note));
-    } catch (...) {
-      // A line that trips the parser or the allocator is dropped like any
-      // other malformed line.
-    }
-  };
-
-  // stop() ends the child's group; the terminate event ends this loop at
+  // stop() ends the child's group; the terminate event ends the reading at
   // once, even when something outside the group still holds the pipe open.
-  while (!gone && !child->terminateRequested()) {
-    int timeout = -1;
-    if (auto due = notes.due())
-      timeout = static_cast<int>(std::clamp(std::ceil((*due - steadySeconds()) * 1000), 0.0, 60000.0));
-    pollfd fds[2] = {{fd, POLLIN, 0}, {child->terminateEventFd(), POLLIN, 0}};
-    int r = poll(fds, 2, timeout);
-    if (r < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    // A flood that has ended is still owed its count.
-    reportHeldBack(notes.takeDue(steadySeconds()));
-    if (fds[1].revents) break;
-    if (!fds[0].revents) continue;
-    char chunk[4096];
-    ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n > 0) {
-      buffer.append(chunk, static_cast<size_t>(n), deliver);
-      if (size_t dropped = buffer.takeDropped())
-        logLine("[MCP " + name + "] skipped " + std::to_string(dropped) + " output line(s) longer than " +
-                std::to_string(maxLine) + " bytes");
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
-  }
+  OutputReader(weak, name, maxLine).run(fd, *child);
   ::close(fd);
-
-  std::string rest = buffer.takeRest();
-  if (!rest.empty()) deliver(rest);
-  reportHeldBack(notes.takeAll());
   if (child->terminateRequested()) return;
   if (auto self = weak.lock()) self->handleChildExit();
 }

@@ -18,9 +18,25 @@ class MainTimer;
 class PipeWriter;
 class SerialQueue;
 
-// Request ids for every server of the process: drawn on the main thread,
-// first id 1, never reused.
-extern int64_t gMcpSeq;
+// What the servers of one registry share: the counter their request ids
+// come from, so that an id is never used twice, and the search list for
+// their commands.
+class McpServerContext {
+ public:
+  // Main thread; the first id is 1.
+  int64_t nextRequestId() { return ++mcpSeq_; }
+
+  // The login shell's PATH, asked for once (the first caller waits up to
+  // 3 s, 8 s when the shell hangs). Any thread.
+  std::optional<std::string> shellDerivedPath();
+  std::vector<std::string> searchDirs();
+  std::optional<std::string> resolveExecutable(const std::string& command);
+
+ private:
+  int64_t mcpSeq_ = 0;
+  std::once_flag shellProbed_;
+  std::optional<std::string> shellPath_;
+};
 
 // One local MCP server: its child process, the newline-delimited JSON-RPC
 // exchange over its standard input and output, and its tools. Created,
@@ -65,7 +81,8 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   };
 
   // Stores the configuration; starts nothing.
-  static std::shared_ptr<McpTask> create(std::string name, std::string command, std::vector<std::string> args = {},
+  static std::shared_ptr<McpTask> create(std::shared_ptr<McpServerContext> context, std::string name,
+                                         std::string command, std::vector<std::string> args = {},
                                          std::map<std::string, std::string> env = {});
   ~McpTask();
   McpTask(const McpTask&) = delete;
@@ -78,12 +95,6 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   void setLimits(const Limits& limits) { _limits = limits; }
 
   // ---- process ----
-  // The login shell's PATH, asked for once per process (the first caller
-  // waits up to 3 s, 8 s when the shell hangs).
-  static std::optional<std::string> shellDerivedPath();
-  static std::vector<std::string> searchDirs();
-  static std::optional<std::string> resolveExecutable(const std::string& command);
-
   // Launches the child unless one is held. Failures are logged and leave the
   // object without a child.
   void start();
@@ -106,7 +117,6 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   std::string standardError() const;
 
   // ---- JSON-RPC session ----
-  static int64_t nextId();
   // Returns at once; the completion (may be empty) runs exactly once, on the
   // main thread, with the server's response object or a client-made one
   // whose "error" is {"message": text}.
@@ -137,8 +147,15 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   struct Finish;
   using FinishPtr = std::shared_ptr<Finish>;
 
-  McpTask(std::string name, std::string command, std::vector<std::string> args,
-          std::map<std::string, std::string> env);
+  McpTask(std::shared_ptr<McpServerContext> context, std::string name, std::string command,
+          std::vector<std::string> args, std::map<std::string, std::string> env);
+  // This process's environment with the configured entries laid over it.
+  std::vector<std::string> launchEnvironment();
+  // Keeps what the child wrote to standard error and logs it.
+  std::function<void(std::string)> standardErrorSink();
+  // Takes a launched child on as this server's; false when its output cannot
+  // be read (the server is then stopped).
+  bool adopt(const std::shared_ptr<ChildProcess>& child);
   static void readLoop(std::weak_ptr<McpTask> weak, std::string name, int fd, size_t maxLine,
                        std::shared_ptr<ChildProcess> child);
   static Json clientError(const std::string& message);
@@ -147,13 +164,16 @@ class McpTask : public std::enable_shared_from_this<McpTask> {
   // pipe takes it without waiting; otherwise, and for the rest, the write
   // thread sends it. Past the backlog limit the server is stopped instead.
   void writeInOrder(std::string line);
+  // On the write queue: writes the outbox, waiting for room, until it is
+  // empty or the server is gone.
+  static void drainOutbox(const std::weak_ptr<McpTask>& weak, const std::string& name);
 
+  std::shared_ptr<McpServerContext> _context;
   std::string _command;
   std::vector<std::string> _args;
   std::map<std::string, std::string> _env;
   std::shared_ptr<ChildProcess> _task;  // guarded by _lock (the write queue reads it)
   std::shared_ptr<PipeWriter> _stdin;   // guarded by _lock
-  std::string _carry;                   // unused: the reader keeps its own buffer
   std::map<int64_t, FinishPtr> _pending;  // guarded by _lock
   std::string _outbox;                    // guarded by _lock: bytes waiting behind the write in progress
   bool _writing = false;                  // guarded by _lock: a line or the outbox is being written

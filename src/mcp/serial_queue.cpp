@@ -1,68 +1,60 @@
 #include "mcp/serial_queue.h"
 
+#include <glib.h>
 #include <pthread.h>
 
-#include <condition_variable>
 #include <csignal>
-#include <deque>
 #include <mutex>
-#include <thread>
+#include <utility>
 
+namespace {
+
+using Work = std::function<void()>;
+
+void runItem(gpointer item, gpointer) {
+  // Left blocked afterwards: a SIGPIPE that a write raised stays pending on
+  // the thread, and unblocking it would deliver it.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  auto* work = static_cast<Work*>(item);
+  try {
+    (*work)();
+  } catch (...) {
+    // A failing item must not take the queue (or the process) down.
+  }
+  delete work;  // captured objects die here, outside any lock
+}
+
+}  // namespace
+
+// A pool of at most one thread runs its items in the order they came.
 struct SerialQueue::State {
   std::mutex mutex;
-  std::condition_variable wake;
-  std::deque<std::function<void()>> items;
-  bool closed = false;
+  GThreadPool* pool = nullptr;  // null once closed
 };
 
-SerialQueue::SerialQueue(const std::string& label) : state_(std::make_shared<State>()) {
-  try {
-    std::thread([state = state_, label] {
-      pthread_setname_np(pthread_self(), label.substr(0, 15).c_str());
-      sigset_t pipe;
-      sigemptyset(&pipe);
-      sigaddset(&pipe, SIGPIPE);
-      pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-      std::unique_lock lock(state->mutex);
-      for (;;) {
-        state->wake.wait(lock, [&] { return state->closed || !state->items.empty(); });
-        if (state->closed) return;
-        auto work = std::move(state->items.front());
-        state->items.pop_front();
-        lock.unlock();
-        try {
-          work();
-        } catch (...) {
-          // A failing item must not take the queue (or the process) down.
-        }
-        work = nullptr;  // captured objects die here, outside the lock
-        lock.lock();
-      }
-    }).detach();
-  } catch (...) {
-    state_->closed = true;  // no thread: every item is dropped
-  }
+SerialQueue::SerialQueue() : state_(std::make_shared<State>()) {
+  state_->pool = g_thread_pool_new_full(runItem, nullptr, [](gpointer item) { delete static_cast<Work*>(item); }, 1,
+                                        FALSE, nullptr);
 }
 
 SerialQueue::~SerialQueue() { close(); }
 
 bool SerialQueue::async(std::function<void()> work) {
-  {
-    std::lock_guard lock(state_->mutex);
-    if (state_->closed) return false;
-    state_->items.push_back(std::move(work));
-  }
-  state_->wake.notify_one();
-  return true;
+  std::lock_guard lock(state_->mutex);
+  if (!state_->pool) return false;
+  return g_thread_pool_push(state_->pool, new Work(std::move(work)), nullptr);
 }
 
 void SerialQueue::close() {
-  std::deque<std::function<void()>> dropped;
+  GThreadPool* pool;
   {
     std::lock_guard lock(state_->mutex);
-    state_->closed = true;
-    dropped.swap(state_->items);
+    pool = std::exchange(state_->pool, nullptr);
   }
-  state_->wake.notify_one();
-  // `dropped` dies here, on the closing thread, outside the lock.
+  // Items not started are freed here; the one in progress finishes on its
+  // own.
+  if (pool) g_thread_pool_free(pool, TRUE, FALSE);
 }

@@ -2,16 +2,16 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 
-// One background thread that runs queued work one item at a time, in order.
-// Closing (also by destruction) never waits: the item in progress finishes,
-// the rest is dropped and the thread ends by itself. SIGPIPE is blocked on
-// the thread, so its writes to a closed pipe fail with EPIPE instead of
-// ending the process.
+// Queued work run one item at a time, in order, on GLib's shared worker
+// threads: a queue costs no thread of its own while it is idle. Closing
+// (also by destruction) never waits: the item in progress finishes and the
+// rest is dropped. SIGPIPE is blocked on the threads that run the items, so
+// their writes to a closed pipe fail with EPIPE instead of ending the
+// process.
 class SerialQueue {
  public:
-  explicit SerialQueue(const std::string& label);
+  SerialQueue();
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;

@@ -22,9 +22,8 @@ std::string ondrelMcpNamespace(const std::string& name) {
   }
   // Lower-casing after the replacement is deliberate (and so a no-op): a
   // namespace keeps only the characters that were lower-case already.
-  gchar* lowered = g_utf8_strdown(replaced.c_str(), static_cast<gssize>(replaced.size()));
+  g_autofree gchar* lowered = g_utf8_strdown(replaced.c_str(), static_cast<gssize>(replaced.size()));
   std::string result(lowered);
-  g_free(lowered);
   size_t first = result.find_first_not_of('-');
   if (first == std::string::npos) return "server";
   size_t last = result.find_last_not_of('-');

@@ -18,10 +18,8 @@ size_t ondrelUtf16Length(std::string_view utf8) {
 namespace {
 
 std::string lowerCase(const std::string& text) {
-  gchar* lower = g_utf8_strdown(text.c_str(), static_cast<gssize>(text.size()));
-  std::string result(lower ? lower : "");
-  g_free(lower);
-  return result;
+  g_autofree gchar* lower = g_utf8_strdown(text.c_str(), static_cast<gssize>(text.size()));
+  return lower ? lower : "";
 }
 
 bool startsWith(const std::string& text, std::string_view prefix) { return text.rfind(prefix, 0) == 0; }
@@ -69,11 +67,40 @@ std::optional<Json> McpImageBlock(const Json& data, const Json& mimeType) {
   return Json{{"mimeType", type}, {"data", data}};
 }
 
+namespace {
+
+const char* const kUnattached = "[image content could not be attached]";
+
+// A "resource" element: its text, its image, or a line that names it.
+void addEmbeddedResource(const Json* resource, std::vector<std::string>& pieces, Json& images) {
+  if (!resource || !resource->is_object()) {
+    pieces.emplace_back("[resource content]");
+    return;
+  }
+  std::string mime = stringMember(*resource, "mimeType");
+  std::string blob = stringMember(*resource, "blob");
+  std::string resourceText = stringMember(*resource, "text");
+  if (!resourceText.empty()) {
+    pieces.push_back(resourceText);
+  } else if (startsWith(mime, "image/") && !blob.empty()) {
+    // Past the fourth image an embedded one is dropped without a word,
+    // unlike an image element: kept as the web application expects it.
+    auto block = McpImageBlock(blob, mime);
+    if (!block) pieces.emplace_back(kUnattached);
+    else if (images.size() < kMcpMaxImages) images.push_back(std::move(*block));
+  } else if (!blob.empty()) {
+    pieces.push_back("[binary resource: " + (mime.empty() ? std::string("unknown type") : mime) + "]");
+  } else {
+    pieces.emplace_back("[resource content]");
+  }
+}
+
+}  // namespace
+
 Json ondrelConvertToolResult(const Json& result) {
   Json out = Json::object();
   std::vector<std::string> pieces;
   Json images = Json::array();
-  const char* const kUnattached = "[image content could not be attached]";
 
   if (const Json* flag = member(result, "isError"); flag && isTrue(*flag)) out["isError"] = true;
   if (const Json* structured = member(result, "structuredContent")) out["structuredContent"] = *structured;
@@ -97,27 +124,7 @@ Json ondrelConvertToolResult(const Json& result) {
         else if (images.size() >= kMcpMaxImages) pieces.emplace_back("[additional image omitted]");
         else images.push_back(std::move(*block));
       } else if (typed && type == "resource") {
-        const Json* resource = member(element, "resource");
-        if (!resource || !resource->is_object()) {
-          pieces.emplace_back("[resource content]");
-          continue;
-        }
-        std::string mime = stringMember(*resource, "mimeType");
-        std::string blob = stringMember(*resource, "blob");
-        std::string resourceText = stringMember(*resource, "text");
-        if (!resourceText.empty()) {
-          pieces.push_back(resourceText);
-        } else if (startsWith(mime, "image/") && !blob.empty()) {
-          // Past the fourth image an embedded one is dropped without a word,
-          // unlike an image element: kept as the web application expects it.
-          auto block = McpImageBlock(blob, mime);
-          if (!block) pieces.emplace_back(kUnattached);
-          else if (images.size() < kMcpMaxImages) images.push_back(std::move(*block));
-        } else if (!blob.empty()) {
-          pieces.push_back("[binary resource: " + (mime.empty() ? std::string("unknown type") : mime) + "]");
-        } else {
-          pieces.emplace_back("[resource content]");
-        }
+        addEmbeddedResource(member(element, "resource"), pieces, images);
       } else if (typed && type == "resource_link") {
         std::string label = "unknown";
         if (const Json* name = member(element, "name"); name && name->is_string()) label = name->get<std::string>();

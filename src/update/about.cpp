@@ -6,6 +6,7 @@
 #include "update/manifest.h"
 #include "update/update_host.h"
 #include "update/update_signature.h"
+#include "update/updater.h"
 #include "update/version.h"
 
 namespace {
@@ -31,8 +32,8 @@ std::string ondrelAboutText(const std::string& version, const std::string& build
          (updatesSigned ? "" : "\nUpdates are not signature-checked.");
 }
 
-void ondrelShowAbout(const std::optional<std::string>& serverUrl) {
+void Updater::showAbout(const std::optional<std::string>& serverUrl) {
   // A packaged copy installs no archives of its own: nothing to check.
   bool checked = ondrel::build::kPackaged || ondrelUpdatesAreSigned();
-  updateHost().showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, checked));
+  host_.showAbout(ondrelAboutText(ondrelCurrentVersion(), ondrelCurrentBuild(), serverUrl, checked));
 }

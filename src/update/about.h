@@ -8,6 +8,3 @@
 // and a line of warning when updates are not signature-checked.
 std::string ondrelAboutText(const std::string& version, const std::string& build,
                             const std::optional<std::string>& serverUrl, bool updatesSigned);
-
-// Shows the About panel for the running build (main thread).
-void ondrelShowAbout(const std::optional<std::string>& serverUrl);

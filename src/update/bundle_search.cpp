@@ -12,10 +12,8 @@ namespace {
 bool hasAppDirSuffix(const std::string& name) {
   static const std::string suffix = ".appdir";
   if (name.size() < suffix.size()) return false;
-  gchar* lower = g_ascii_strdown(name.c_str() + name.size() - suffix.size(), -1);
-  bool match = suffix == lower;
-  g_free(lower);
-  return match;
+  g_autofree gchar* lower = g_ascii_strdown(name.c_str() + name.size() - suffix.size(), -1);
+  return suffix == lower;
 }
 
 // A real folder, not a link to one: a link could make the swap move

@@ -7,9 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <thread>
-
 #include "base/files.h"
+#include "base/main_thread.h"
 #include "update/update_transfer.h"
 
 namespace {
@@ -31,7 +30,7 @@ std::shared_ptr<OndrelDownloader> OndrelDownloader::startWithURL(const std::stri
   downloader->_dest = dest;
   downloader->_done = std::move(done);
   downloader->_progress = std::move(progress);
-  std::thread([downloader, url] { downloader->run(url); }).detach();
+  runInBackground([downloader, url] { downloader->run(url); });
   return downloader;
 }
 

@@ -8,11 +8,10 @@
 
 class UpdateTransfer;
 
-// Downloads one URL into a file on a thread of its own, under the
-// updater's transport rules (a refused URL fails before anything is
-// written). The body of any HTTP answer counts as the download (an error
-// page is judged later, by the install step). Callbacks run on the
-// download thread.
+// Downloads one URL into a file on a worker thread, under the updater's
+// transport rules (a refused URL fails before anything is written). The
+// body of any HTTP answer counts as the download (an error page is judged
+// later, by the install step). Callbacks run on that worker thread.
 class OndrelDownloader : public std::enable_shared_from_this<OndrelDownloader> {
  public:
   using Progress = std::function<void(double fraction)>;

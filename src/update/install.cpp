@@ -14,6 +14,7 @@
 #include "update/swap_script.h"
 #include "update/update_host.h"
 #include "update/update_paths.h"
+#include "update/updater.h"
 #include "update/zip_signature.h"
 
 const char* const kNotInstalledText =
@@ -95,18 +96,18 @@ InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::stri
   return plan;
 }
 
-void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable,
-                         const ArchiveTrust& trust) {
-  InstallPlan plan = ondrelPrepareInstall(archivePath, runningExecutable, trust);
-  runOnMain([plan] {
-    if (!plan.failure.empty()) {
-      ondrelFailUpdate(plan.failure);
-      return;
-    }
-    UpdateHost& host = updateHost();
-    host.launchSwapScript(plan.scriptPath);
-    logLine("[Update] swap started; relaunching " + plan.runningBundle);
-    host.hideProgress();
-    host.exitProcess(0);
+void Updater::installUpdate(const std::string& archivePath, const ArchiveTrust& trust) {
+  runInBackground([this, archivePath, executable = host_.runningExecutable(), trust] {
+    InstallPlan plan = ondrelPrepareInstall(archivePath, executable, trust);
+    runOnMain([this, plan] {
+      if (!plan.failure.empty()) {
+        failUpdate(plan.failure);
+        return;
+      }
+      host_.launchSwapScript(plan.scriptPath);
+      logLine("[Update] swap started; relaunching " + plan.runningBundle);
+      host_.hideProgress();
+      host_.exitProcess(0);
+    });
   });
 }

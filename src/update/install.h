@@ -17,12 +17,6 @@ struct InstallPlan {
 InstallPlan ondrelPrepareInstall(const std::string& archivePath, const std::string& runningExecutable,
                                  const ArchiveTrust& trust);
 
-// The whole install step for a downloaded archive: the file work on the
-// calling (background) thread, then on the main thread either the failure
-// alert or the swap script's launch and the end of the process.
-void ondrelInstallUpdate(const std::string& archivePath, const std::string& runningExecutable,
-                         const ArchiveTrust& trust);
-
 // Texts of the install step's failure alerts.
 std::string ondrelNotAZipText(unsigned long long length);
 std::string ondrelNoBundleText(int unpackStatus);

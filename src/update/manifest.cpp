@@ -70,26 +70,22 @@ bool ondrelContainsDecimalDigit(const std::string& text) {
 }
 
 std::string ondrelZipURL(const std::string& manifestUrl, const std::string& zipName) {
-  // Query and fragment stay with the URL, as they would on a URL object.
-  size_t suffixAt = manifestUrl.find_first_of("?#");
-  std::string head = manifestUrl.substr(0, suffixAt);
-  std::string suffix = suffixAt == std::string::npos ? std::string() : manifestUrl.substr(suffixAt);
-
-  size_t authority = head.find("://");
-  size_t pathAt = authority == std::string::npos ? 0 : head.find('/', authority + 3);
-  std::string origin = pathAt == std::string::npos ? head : head.substr(0, pathAt);
-  std::string path = pathAt == std::string::npos ? std::string() : head.substr(pathAt);
-
+  // As written, escapes and all; query and fragment stay with the URL.
+  g_autoptr(GUri) manifest = g_uri_parse(manifestUrl.c_str(), G_URI_FLAGS_ENCODED, nullptr);
+  if (!manifest) return {};
+  std::string path = g_uri_get_path(manifest);
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   size_t slash = path.rfind('/');
   std::string directory = slash == std::string::npos ? std::string("/") : path.substr(0, slash + 1);
 
   std::string name = zipName;
   while (!name.empty() && name.front() == '/') name.erase(0, 1);
-  gchar* escaped = g_uri_escape_string(name.c_str(), "!$&'()*+,;=:@/", FALSE);
-  std::string result = origin + directory + escaped + suffix;
-  g_free(escaped);
-  return result;
+  g_autofree gchar* escaped = g_uri_escape_string(name.c_str(), "!$&'()*+,;=:@/", FALSE);
+  g_autoptr(GUri) zip = g_uri_build(G_URI_FLAGS_ENCODED, g_uri_get_scheme(manifest), g_uri_get_userinfo(manifest),
+                                    g_uri_get_host(manifest), g_uri_get_port(manifest), (directory + escaped).c_str(),
+                                    g_uri_get_query(manifest), g_uri_get_fragment(manifest));
+  g_autofree gchar* text = g_uri_to_string(zip);
+  return text;
 }
 
 std::optional<UpdateOffer> ondrelEvaluateManifest(const std::string& manifestUrl, bool transferOk, long httpStatus,

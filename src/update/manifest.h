@@ -23,6 +23,7 @@ bool ondrelContainsDecimalDigit(const std::string& text);
 
 // The manifest URL with its last path component replaced by the archive
 // name (percent-encoded as a path segment); query and fragment are kept.
+// "" when the manifest URL does not parse.
 std::string ondrelZipURL(const std::string& manifestUrl, const std::string& zipName);
 
 struct UpdateOffer {

@@ -5,9 +5,9 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "base/log.h"
-#include "update/begin_update.h"
 #include "update/update_host.h"
 #include "update/update_paths.h"
+#include "update/updater.h"
 
 std::optional<PendingUpdate> ondrelReadPendingUpdate(const std::string& path) {
   auto bytes = readWholeFile(path);
@@ -30,7 +30,7 @@ bool ondrelWritePendingUpdate(const std::string& path, const std::string& versio
   return writeFileAtomically(path, record.dump(2, ' ', false, Json::error_handler_t::replace) + "\n").ok;
 }
 
-void ondrelApplyScheduledUpdate() {
+void Updater::applyScheduledUpdate() {
   const std::string path = ondrelPendingUpdatePath();
   auto pending = ondrelReadPendingUpdate(path);
   if (!pending) return;
@@ -38,7 +38,7 @@ void ondrelApplyScheduledUpdate() {
   // come back at every start.
   std::remove(path.c_str());
   logLine("[Update] applying scheduled update " + pending->version + " (" + pending->url + ")");
-  gUpdateIsDeferred = true;
-  ondrelBeginUpdate(pending->version, pending->url);
-  updateHost().runEventLoop();
+  updateIsDeferred_ = true;
+  beginUpdate(pending->version, pending->url);
+  host_.runEventLoop();
 }

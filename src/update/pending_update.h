@@ -17,9 +17,3 @@ std::optional<PendingUpdate> ondrelReadPendingUpdate(const std::string& path);
 // Writes the record atomically. The folder is not created: it exists once
 // the app has run (and any download makes it).
 bool ondrelWritePendingUpdate(const std::string& path, const std::string& version, const std::string& url);
-
-// Start-up: when an update is pending, removes the record, downloads and
-// installs the update inside an event loop of its own. Returns when there
-// was nothing to do or the update failed; a successful update ends the
-// process.
-void ondrelApplyScheduledUpdate();

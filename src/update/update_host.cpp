@@ -8,30 +8,6 @@
 
 #include "base/system_log.h"
 
-bool gUpdateIsDeferred = false;
-
-namespace {
-
-UpdateHost* gHost = nullptr;
-
-}  // namespace
-
-void setUpdateHost(UpdateHost* host) { gHost = host; }
-
-UpdateHost& updateHost() {
-  // Installed by start-up before anything can reach the updater.
-  g_assert(gHost != nullptr);
-  return *gHost;
-}
-
-void ondrelFailUpdate(const std::string& informativeText) {
-  UpdateHost& host = updateHost();
-  host.hideProgress();
-  host.showFailure(informativeText, [] {
-    if (gUpdateIsDeferred) updateHost().stopEventLoop();
-  });
-}
-
 std::string UpdateHost::runningExecutable() {
   std::error_code ec;
   auto path = std::filesystem::read_symlink("/proc/self/exe", ec);
@@ -42,13 +18,10 @@ bool UpdateHost::launchSwapScript(const std::string& scriptPath) {
   // The script outlives us by design: its own session, no inherited
   // descriptors, nothing to reap.
   const char* argv[] = {"/bin/sh", scriptPath.c_str(), nullptr};
-  GError* error = nullptr;
-  bool ok = g_spawn_async(nullptr, const_cast<char**>(argv), nullptr,
-                          GSpawnFlags(G_SPAWN_STDIN_FROM_DEV_NULL | G_SPAWN_STDOUT_TO_DEV_NULL |
-                                      G_SPAWN_STDERR_TO_DEV_NULL),
-                          [](gpointer) { setsid(); }, nullptr, nullptr, &error);
-  g_clear_error(&error);
-  return ok;
+  return g_spawn_async(nullptr, const_cast<char**>(argv), nullptr,
+                       GSpawnFlags(G_SPAWN_STDIN_FROM_DEV_NULL | G_SPAWN_STDOUT_TO_DEV_NULL |
+                                   G_SPAWN_STDERR_TO_DEV_NULL),
+                       [](gpointer) { setsid(); }, nullptr, nullptr, nullptr);
 }
 
 void UpdateHost::exitProcess(int status) {

@@ -5,8 +5,8 @@
 
 // What the updater needs from the rest of the program: its dialogs, the
 // progress window, the event loop and the end of the process. The GTK layer
-// installs the real one at start-up; tests install a fake. Every call is
-// made on the main thread.
+// gives the real one to the Updater; tests give a fake. Every call is made
+// on the main thread.
 //
 // The dialogs return at once and report their answer later, from the main
 // loop: while one is open, replies to the page, completions and log lines
@@ -50,16 +50,3 @@ class UpdateHost {
   // Ends the process at once: no quit hooks, no orderly shutdown.
   virtual void exitProcess(int status);
 };
-
-// The installed host. Not owned; it must outlive every update.
-void setUpdateHost(UpdateHost* host);
-UpdateHost& updateHost();
-
-// Set only on the start-up path that applies a scheduled update: a failure
-// then stops the event loop so that start-up can go on.
-extern bool gUpdateIsDeferred;
-
-// Ends an update the user started: hides the progress window, shows
-// "Update Failed" with the text and, once it is closed, stops the event
-// loop when the update was the scheduled one.
-void ondrelFailUpdate(const std::string& informativeText);

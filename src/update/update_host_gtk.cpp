@@ -2,34 +2,19 @@
 
 #include <gtk/gtk.h>
 
-#include "update/update_host.h"
-
 namespace {
-
-// The progress window: built on first use, reused for every later update.
-GtkWidget* gUpdateProgressWindow = nullptr;
-GtkWidget* gUpdateProgressLabel = nullptr;
-GtkWidget* gUpdateProgressBar = nullptr;
-guint gPulseTimer = 0;
 
 constexpr int kWidth = 380;
 constexpr int kHeight = 96;
 
-void startPulsing() {
-  if (gPulseTimer) return;
-  gtk_progress_bar_pulse(GTK_PROGRESS_BAR(gUpdateProgressBar));
-  gPulseTimer = g_timeout_add(100, [](gpointer) -> gboolean {
-    gtk_progress_bar_pulse(GTK_PROGRESS_BAR(gUpdateProgressBar));
-    return G_SOURCE_CONTINUE;
-  }, nullptr);
-}
+// The progress window, its label and its bar.
+struct ProgressWidgets {
+  GtkWidget* window;
+  GtkWidget* label;
+  GtkWidget* bar;
+};
 
-void stopPulsing() {
-  if (gPulseTimer) g_source_remove(gPulseTimer);
-  gPulseTimer = 0;
-}
-
-void buildProgressWindow() {
+ProgressWidgets buildProgressWidgets() {
   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_title(GTK_WINDOW(window), "Ondrel Update");
   gtk_window_set_default_size(GTK_WINDOW(window), kWidth, kHeight);
@@ -55,10 +40,7 @@ void buildProgressWindow() {
   gtk_fixed_put(GTK_FIXED(content), bar, 20, kHeight - 36 - 16);
   gtk_container_add(GTK_CONTAINER(window), content);
   gtk_widget_show_all(content);
-
-  gUpdateProgressWindow = window;
-  gUpdateProgressLabel = label;
-  gUpdateProgressBar = bar;
+  return {window, label, bar};
 }
 
 // The window title names the alert for the window list (and for tests that
@@ -95,94 +77,106 @@ void presentDialog(GtkWidget* dialog, int defaultResponse, std::function<void(in
   gtk_window_present(GTK_WINDOW(dialog));
 }
 
-class GtkUpdateHost final : public UpdateHost {
- public:
-  void askToUpdate(const std::string& remote, const std::string& current,
-                   std::function<void(Choice)> answered) override {
-    GtkWidget* dialog = messageDialog(
-        "Ondrel Update Available", "Ondrel Update Available", "A new version of Ondrel (" + remote + ") is available. You are running " +
-                                       current + ".\n\nUpdate now, or update on your next restart?");
-    enum { kNow = 1, kNextRestart = 2, kLater = 3 };
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "Update Now", kNow);
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "Update on Next Restart", kNextRestart);
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "Later", kLater);
-    presentDialog(dialog, kNow, [answered = std::move(answered)](int response) {
-      switch (response) {
-        case kNow: answered(Choice::UpdateNow); break;
-        case kNextRestart: answered(Choice::NextRestart); break;
-        default: answered(Choice::Later); break;
-      }
-    });
-  }
-
-  void showProgress(const std::string& label) override {
-    if (!gUpdateProgressWindow) buildProgressWindow();
-    gtk_label_set_text(GTK_LABEL(gUpdateProgressLabel), label.c_str());
-    gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(gUpdateProgressBar), 0.0);
-    startPulsing();
-    gtk_window_set_position(GTK_WINDOW(gUpdateProgressWindow), GTK_WIN_POS_CENTER);
-    gtk_widget_show(gUpdateProgressWindow);
-    gtk_window_present(GTK_WINDOW(gUpdateProgressWindow));
-  }
-
-  void setProgress(double fraction) override {
-    if (!gUpdateProgressBar) return;
-    if (fraction <= 0.0) {
-      startPulsing();
-      return;
-    }
-    stopPulsing();
-    gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(gUpdateProgressBar), std::min(fraction, 1.0));
-  }
-
-  void hideProgress() override {
-    if (!gUpdateProgressWindow) return;
-    stopPulsing();
-    gtk_widget_hide(gUpdateProgressWindow);
-  }
-
-  void showFailure(const std::string& informativeText, std::function<void()> dismissed) override {
-    showNotice("Update Failed", "Update Failed", informativeText, std::move(dismissed));
-  }
-
-  void showAbout(const std::string& informativeText) override {
-    showNotice("About Ondrel", "Ondrel", informativeText, nullptr);
-  }
-
-  explicit GtkUpdateHost(std::function<void()> quitApp) : quitApp_(std::move(quitApp)) {}
-
-  void runEventLoop() override {
-    loopLevel_ = gtk_main_level() + 1;
-    gtk_main();
-    loopLevel_ = 0;
-  }
-
-  void stopEventLoop() override {
-    if (loopLevel_ && gtk_main_level() == loopLevel_) {
-      gtk_main_quit();
-    } else if (quitApp_) {
-      quitApp_();
-    }
-  }
-
- private:
-  // An alert with a single "OK" button.
-  static void showNotice(const char* title, const char* message, const std::string& informative,
-                         std::function<void()> dismissed) {
-    GtkWidget* dialog = messageDialog(title, message, informative);
-    gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
-    presentDialog(dialog, GTK_RESPONSE_OK, [dismissed = std::move(dismissed)](int) {
-      if (dismissed) dismissed();
-    });
-  }
-
-  std::function<void()> quitApp_;
-  guint loopLevel_ = 0;  // the level of the start-up update loop while it runs
-};
+// An alert with a single "OK" button.
+void showNotice(const char* title, const char* message, const std::string& informative,
+                std::function<void()> dismissed) {
+  GtkWidget* dialog = messageDialog(title, message, informative);
+  gtk_dialog_add_button(GTK_DIALOG(dialog), "OK", GTK_RESPONSE_OK);
+  presentDialog(dialog, GTK_RESPONSE_OK, [dismissed = std::move(dismissed)](int) {
+    if (dismissed) dismissed();
+  });
+}
 
 }  // namespace
 
-void installGtkUpdateHost(std::function<void()> quitApp) {
-  static GtkUpdateHost host(std::move(quitApp));
-  setUpdateHost(&host);
+GtkUpdateHost::~GtkUpdateHost() {
+  stopPulsing();
+  if (progressWindow_) gtk_widget_destroy(progressWindow_);
+}
+
+void GtkUpdateHost::buildProgressWindow() {
+  ProgressWidgets widgets = buildProgressWidgets();
+  progressWindow_ = widgets.window;
+  progressLabel_ = widgets.label;
+  progressBar_ = widgets.bar;
+}
+
+void GtkUpdateHost::startPulsing() {
+  if (pulseTimer_) return;
+  gtk_progress_bar_pulse(GTK_PROGRESS_BAR(progressBar_));
+  pulseTimer_ = g_timeout_add(100, [](gpointer bar) -> gboolean {
+    gtk_progress_bar_pulse(GTK_PROGRESS_BAR(bar));
+    return G_SOURCE_CONTINUE;
+  }, progressBar_);
+}
+
+void GtkUpdateHost::stopPulsing() {
+  if (pulseTimer_) g_source_remove(pulseTimer_);
+  pulseTimer_ = 0;
+}
+
+void GtkUpdateHost::askToUpdate(const std::string& remote, const std::string& current,
+                                std::function<void(Choice)> answered) {
+  GtkWidget* dialog = messageDialog("Ondrel Update Available", "Ondrel Update Available",
+                                    "A new version of Ondrel (" + remote + ") is available. You are running " +
+                                        current + ".\n\nUpdate now, or update on your next restart?");
+  enum { kNow = 1, kNextRestart = 2, kLater = 3 };
+  gtk_dialog_add_button(GTK_DIALOG(dialog), "Update Now", kNow);
+  gtk_dialog_add_button(GTK_DIALOG(dialog), "Update on Next Restart", kNextRestart);
+  gtk_dialog_add_button(GTK_DIALOG(dialog), "Later", kLater);
+  presentDialog(dialog, kNow, [answered = std::move(answered)](int response) {
+    switch (response) {
+      case kNow: answered(Choice::UpdateNow); break;
+      case kNextRestart: answered(Choice::NextRestart); break;
+      default: answered(Choice::Later); break;
+    }
+  });
+}
+
+void GtkUpdateHost::showProgress(const std::string& label) {
+  if (!progressWindow_) buildProgressWindow();
+  gtk_label_set_text(GTK_LABEL(progressLabel_), label.c_str());
+  gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progressBar_), 0.0);
+  startPulsing();
+  gtk_window_set_position(GTK_WINDOW(progressWindow_), GTK_WIN_POS_CENTER);
+  gtk_widget_show(progressWindow_);
+  gtk_window_present(GTK_WINDOW(progressWindow_));
+}
+
+void GtkUpdateHost::setProgress(double fraction) {
+  if (!progressBar_) return;
+  if (fraction <= 0.0) {
+    startPulsing();
+    return;
+  }
+  stopPulsing();
+  gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progressBar_), std::min(fraction, 1.0));
+}
+
+void GtkUpdateHost::hideProgress() {
+  if (!progressWindow_) return;
+  stopPulsing();
+  gtk_widget_hide(progressWindow_);
+}
+
+void GtkUpdateHost::showFailure(const std::string& informativeText, std::function<void()> dismissed) {
+  showNotice("Update Failed", "Update Failed", informativeText, std::move(dismissed));
+}
+
+void GtkUpdateHost::showAbout(const std::string& informativeText) {
+  showNotice("About Ondrel", "Ondrel", informativeText, nullptr);
+}
+
+void GtkUpdateHost::runEventLoop() {
+  loopLevel_ = gtk_main_level() + 1;
+  gtk_main();
+  loopLevel_ = 0;
+}
+
+void GtkUpdateHost::stopEventLoop() {
+  if (loopLevel_ && gtk_main_level() == loopLevel_) {
+    gtk_main_quit();
+  } else if (quitApp_) {
+    quitApp_();
+  }
 }

@@ -9,10 +9,8 @@
 namespace {
 
 std::string lowerCopy(const char* text) {
-  gchar* lowered = g_ascii_strdown(text ? text : "", -1);
-  std::string result(lowered);
-  g_free(lowered);
-  return result;
+  g_autofree gchar* lowered = g_ascii_strdown(text ? text : "", -1);
+  return lowered;
 }
 
 // The parsed URL when it may be fetched (the caller owns it), else nullptr
@@ -41,6 +39,8 @@ CURLU* admit(const std::string& url, std::string& refusal) {
 }  // namespace
 
 void ondrelInitCurl() {
+  // libcurl's own process-wide state, set up once before the first transfer
+  // of any thread; the flag only records that it was.
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }

@@ -1,8 +1,13 @@
 """Quitting the main window, and the log panel behind Ctrl+L."""
 
+import os
+import subprocess
+from pathlib import Path
+
 import pytest
 
-from harness import ocr, poll
+from harness import BINARY, ocr, poll
+from test_mcp import EVERYTHING
 
 PAGE_BG = (32, 64, 96)
 BAR = (255, 0, 255)  # the page's 20 px bar pinned to the bottom of its viewport
@@ -67,3 +72,43 @@ def test_ctrl_l_toggles_log_panel_and_keeps_its_text(launch, web):
     text = poll(lambda: (lambda t: "reloading webview" in t.lower() and t)(panel_text(app, window)), 10, 0.3,
                 message=lambda: f"the log panel reads {panel_text(app, window)!r}")
     assert "command line" in text.lower(), f"earlier lines lost: {text!r}"
+
+
+@pytest.fixture
+def session_bus(tmp_path):
+    daemon = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--print-address",
+                               f"--address=unix:path={tmp_path}/bus"], stdout=subprocess.PIPE, text=True)
+    yield daemon.stdout.readline().strip()
+    daemon.terminate()
+    daemon.wait()
+
+
+def running(fragment: str) -> list[int]:
+    """Processes of this machine whose command line holds fragment."""
+    found = []
+    for entry in os.listdir("/proc"):
+        try:
+            cmdline = Path(f"/proc/{entry}/cmdline").read_bytes().replace(b"\0", b" ").decode()
+        except (OSError, ValueError):
+            continue
+        if fragment in cmdline and Path(f"/proc/{entry}/stat").read_text().split(") ")[1][0] != "Z":
+            found.append(int(entry))
+    return found
+
+
+def test_a_second_launch_hands_its_address_to_the_first(launch, web, other_web, session_bus):
+    bus = {"DBUS_SESSION_BUS_ADDRESS": session_bus}
+    config = {"mcpServers": {"Everything": {"command": "node", "args": [str(EVERYTHING), "stdio"]}}}
+    mark = web.mark()
+    first = launch(web.url(PAGE), config=config, env=bus)
+    first.main_window()
+    web.wait_for_report("load", since=mark)
+    poll(lambda: len(running(str(EVERYTHING))) == 1, 20, message="the first launch's MCP server starts")
+
+    other_mark = other_web.mark()
+    second = launch(other_web.url(PAGE), home=first.home, env=bus)
+    assert second.wait_exit() == 0
+    first.wait_for_log(f"[Server] loading {other_web.url(PAGE)} (from command line)")
+    other_web.wait_for_report("load", since=other_mark)
+    assert running(BINARY) == [first.pid]
+    assert len(running(str(EVERYTHING))) == 1

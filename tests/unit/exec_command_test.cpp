@@ -1,4 +1,5 @@
 #include "bridge/exec_command.h"
+#include "base/text.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -17,6 +18,7 @@
 
 #include "bridge_fakes.h"
 #include "log_capture.h"
+#include "main_loop.h"
 #include "test_files.h"
 
 namespace fs = std::filesystem;
@@ -131,6 +133,7 @@ TEST(ExecOutput, OutputThatIsNotUtf8BecomesEmpty) {
   EXPECT_TRUE(isValidUtf8("plain\n"));
   EXPECT_TRUE(isValidUtf8("gr\xC3\xBC\xC3\x9F \xE2\x86\x92 \xF0\x9F\x98\x80"));
   EXPECT_TRUE(isValidUtf8(std::string("a\0b", 3)));
+  EXPECT_FALSE(isValidUtf8(std::string("a\0\xFF", 3))) << "checked past a NUL";
   EXPECT_TRUE(isValidUtf8("\xF4\x8F\xBF\xBF"));   // U+10FFFF
   EXPECT_FALSE(isValidUtf8("\xFF"));
   EXPECT_FALSE(isValidUtf8("\xC3"));              // cut short
@@ -337,15 +340,6 @@ TEST_F(ExecTest, CommandRunsConfinedAndAnswersOnTheMainThread) {
   EXPECT_FALSE(fs::exists(dir_.path() / ".gnupg/x"));
 }
 
-}  // namespace
-
-namespace {
-
-void spinUntil(const std::function<bool()>& done) {
-  const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
-  while (!done() && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, TRUE);
-}
-
 TEST_F(ExecTest, SandboxSetupFailuresAreLaunchFailures) {
   if (!haveBubblewrap()) GTEST_SKIP() << "bubblewrap is not installed";
   // bubblewrap exits 1 with its message when it cannot build the sandbox;
@@ -379,7 +373,7 @@ TEST_F(ExecTest, RequestsFromThePageAreAnsweredThroughTheBridge) {
   EXPECT_EQ(refused->id, "r8");
   EXPECT_FALSE(refused->ok);
   EXPECT_EQ(refused->value, "exec expects [dir, command]");
-  spinUntil([&] { return host.scripts.size() == 2; });
+  pumpUntil([&] { return host.scripts.size() == 2; }, 60);
   ASSERT_EQ(host.scripts.size(), 2u);
   auto answered = parseReply(host.scripts[1]);
   ASSERT_TRUE(answered);

@@ -4,26 +4,13 @@
 // the update alert with a preset choice. Like a user, it answers (and closes
 // "Update Failed") later, from the main loop.
 
-#include <glib.h>
-
-#include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/main_thread.h"
+#include "main_loop.h"
 #include "update/update_host.h"
-
-// Runs the main context until the condition holds or the time is up.
-inline bool spinUntil(const std::function<bool()>& done, double seconds = 20) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    if (!g_main_context_iteration(nullptr, FALSE)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
 
 class FakeUpdateHost : public UpdateHost {
  public:
@@ -34,9 +21,6 @@ class FakeUpdateHost : public UpdateHost {
   std::vector<double> fractions;
   int hides = 0, loopRuns = 0, loopStops = 0;
   std::vector<int> exits;
-
-  FakeUpdateHost() { setUpdateHost(this); }
-  ~FakeUpdateHost() override { setUpdateHost(nullptr); }
 
   void askToUpdate(const std::string& remote, const std::string& current,
                    std::function<void(Choice)> answered) override {
@@ -54,7 +38,7 @@ class FakeUpdateHost : public UpdateHost {
   void runEventLoop() override {
     ++loopRuns;
     int stopsBefore = loopStops;
-    spinUntil([&] { return loopStops > stopsBefore || !exits.empty(); });
+    pumpUntil([&] { return loopStops > stopsBefore || !exits.empty(); }, 20);
   }
   void stopEventLoop() override { ++loopStops; }
   std::string runningExecutable() override { return executable; }

@@ -25,12 +25,7 @@ class McpActions : public HomeFixture {
  protected:
   void SetUp() override {
     HomeFixture::SetUp();
-    registerMcpActions(bridge_);
-  }
-  void TearDown() override {
-    ClientMcp::shutdown();
-    gMcpTasks.clear();
-    HomeFixture::TearDown();
+    registerMcpActions(bridge_, mcp_);
   }
   void post(const std::string& id, const std::string& name, const Json& args) {
     bridge_.didReceiveScriptMessage(Json{{"__reqId", id}, {"name", name}, {"args", args}});
@@ -50,6 +45,7 @@ class McpActions : public HomeFixture {
     return found.empty() ? Reply{id, false, "no reply"} : found[0];
   }
 
+  ClientMcp mcp_;
   FakeHost host_;
   Bridge bridge_{host_, kPageOrigin, [](const std::string&) {}};
 };
@@ -86,7 +82,7 @@ TEST_F(McpActions, ReadAndWriteConfig) {
 TEST_F(McpActions, ListAndCallThroughTheBridge) {
   Json config = {{"mcpServers", {{"Echo Box", {{"command", fakeServer()}, {"args", {"{}"}}}}}}};
   writeText(configPath(), config.dump());
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
 
   post("l1", "mcpServers", nullptr);
   Reply list = replyTo("l1");
@@ -113,7 +109,7 @@ TEST_F(McpActions, ListAndCallThroughTheBridge) {
 }
 
 TEST_F(McpActions, ListingWithNoServersIsAnEmptyArray) {
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   post("l0", "mcpServers", Json::array());
   Reply list = replyTo("l0");
   EXPECT_TRUE(list.ok);

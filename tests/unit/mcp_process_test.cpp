@@ -36,6 +36,19 @@ bool processExists(pid_t pid) {
   return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
 }
 
+// Whether any process, a zombie included, still has this one as its parent.
+bool anyChildLeft() {
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+    std::string stat = readText(entry.path() / "stat");
+    auto close = stat.rfind(')');
+    int ppid = 0;
+    if (close != std::string::npos && std::sscanf(stat.c_str() + close + 1, " %*c %d", &ppid) == 1 && ppid == getpid())
+      return true;
+  }
+  return false;
+}
+
 std::vector<std::string> lines(const std::string& text) {
   auto parts = ondrelSplit(text, '\n');
   if (!parts.empty() && parts.back().empty()) parts.pop_back();
@@ -109,7 +122,7 @@ TEST(McpSearchDirs, HangingShellIsGivenUpOnAndEnded) {
   EXPECT_GE(waited, 0.75);
   EXPECT_LT(waited, 2.0) << "both limits bound the wait";
   // It ignores SIGTERM; SIGKILL follows 2 s after the terminate.
-  EXPECT_TRUE(ChildProcess::waitForAllReaped(5)) << "the shell and its sleep are ended and reaped";
+  EXPECT_TRUE(pumpUntil([] { return !anyChildLeft(); }, 5)) << "the shell and its sleep are ended and reaped";
 }
 
 TEST(McpSearchDirs, ResolutionTakesTheFirstExecutableFile) {
@@ -174,7 +187,7 @@ TEST(McpChildProcess, LaunchFailuresComeBackAsText) {
   request.workingDirectory = (dir.path() / "no-such-folder").string();
   EXPECT_FALSE(ChildProcess::spawn(request, nullptr, &error));
   EXPECT_EQ(error, "/bin/true: No such file or directory");
-  EXPECT_TRUE(ChildProcess::waitForAllReaped(5)) << "a failed launch leaves no zombie";
+  EXPECT_TRUE(pumpUntil([] { return !anyChildLeft(); }, 5)) << "a failed launch leaves no zombie";
 }
 
 // ---- McpTask start and stop ----
@@ -182,13 +195,13 @@ TEST(McpChildProcess, LaunchFailuresComeBackAsText) {
 class McpTaskProcess : public HomeFixture {};
 
 TEST_F(McpTaskProcess, CommandNotFoundIsLoggedAndLeavesNoChild) {
-  auto bare = McpTask::create("ghost", "ondrel-no-such-server-command");
+  auto bare = McpTask::create(context_, "ghost", "ondrel-no-such-server-command");
   bare->start();
   EXPECT_TRUE(logged("[MCP ghost] command not found: ondrel-no-such-server-command"));
   EXPECT_EQ(bare->launchFailure(), "command not found: ondrel-no-such-server-command");
   EXPECT_FALSE(bare->child());
 
-  auto absolute = McpTask::create("abs", "/nonexistent/server");
+  auto absolute = McpTask::create(context_, "abs", "/nonexistent/server");
   absolute->start();
   EXPECT_TRUE(logged("[MCP abs] command not found: /nonexistent/server"));
   EXPECT_FALSE(absolute->isRunning());
@@ -196,7 +209,7 @@ TEST_F(McpTaskProcess, CommandNotFoundIsLoggedAndLeavesNoChild) {
 
 TEST_F(McpTaskProcess, LaunchFailureIsLogged) {
   std::string garbage = writeExecutable(home() / "garbage", "\x01\x02 not a program");
-  auto task = McpTask::create("bad", garbage);
+  auto task = McpTask::create(context_, "bad", garbage);
   task->start();
   EXPECT_TRUE(logged("[MCP bad] launch failed: " + garbage + ": Exec format error"));
   EXPECT_EQ(task->launchFailure(), "launch failed: " + garbage + ": Exec format error");
@@ -210,7 +223,7 @@ TEST_F(McpTaskProcess, ChildRunsInHomeWithArgsAndTheSearchListFirstInPath) {
 mv "$OUT.tmp" "$OUT"
 while read -r line; do :; done
 )");
-  auto task = McpTask::create("env", script, {"a b", "c"}, {{"OUT", out.string()}, {"EXTRA", "x=y"}});
+  auto task = McpTask::create(context_, "env", script, {"a b", "c"}, {{"OUT", out.string()}, {"EXTRA", "x=y"}});
   task->start();
   EXPECT_TRUE(logged("[MCP env] started " + script + " a b c"));
   ASSERT_TRUE(pumpUntil([&] { return fs::exists(out); }));
@@ -220,7 +233,7 @@ while read -r line; do :; done
   EXPECT_EQ(got[1], "a b");
   EXPECT_EQ(got[2], "c");
   std::string searchList;
-  for (const auto& d : McpTask::searchDirs()) searchList += (searchList.empty() ? "" : ":") + d;
+  for (const auto& d : context_->searchDirs()) searchList += (searchList.empty() ? "" : ":") + d;
   const char* inherited = std::getenv("PATH");
   EXPECT_EQ(got[3], "PATH=" + searchList + (inherited && *inherited ? std::string(":") + inherited : ""));
   EXPECT_EQ(got[4], "EXTRA=x=y");
@@ -233,7 +246,7 @@ TEST_F(McpTaskProcess, ConfiguredPathIsUsedUnchanged) {
 echo "PATH=$PATH" > "$OUT.tmp"
 read -r line
 )");
-  auto task = McpTask::create("env", script, {}, {{"OUT", out.string()}, {"PATH", "/only/here"}});
+  auto task = McpTask::create(context_, "env", script, {}, {{"OUT", out.string()}, {"PATH", "/only/here"}});
   task->start();
   EXPECT_TRUE(logged("[MCP env] started " + script + " ")) << "no arguments: the trailing blank stays";
   ASSERT_TRUE(pumpUntil([&] { return fs::exists(out.string() + ".tmp") && !readText(out.string() + ".tmp").empty(); }));
@@ -250,7 +263,7 @@ sleep 300 &
 echo $! > "$OUT.tmp" && mv "$OUT.tmp" "$OUT"
 while :; do sleep 1; done
 )");
-  auto task = McpTask::create("stubborn", script, {}, {{"OUT", out.string()}});
+  auto task = McpTask::create(context_, "stubborn", script, {}, {{"OUT", out.string()}});
   task->start();
   auto child = task->child();
   ASSERT_TRUE(child);
@@ -276,7 +289,7 @@ while :; do sleep 1; done
 }
 
 TEST_F(McpTaskProcess, WellBehavedServerEndsAtEndOfInput) {
-  auto task = McpTask::create("fake", fakeServer());
+  auto task = McpTask::create(context_, "fake", fakeServer());
   task->start();
   auto child = task->child();
   ASSERT_TRUE(child);
@@ -288,7 +301,7 @@ TEST_F(McpTaskProcess, WellBehavedServerEndsAtEndOfInput) {
 }
 
 TEST_F(McpTaskProcess, StderrIsDrainedWhileRunningAndLoggedWhole) {
-  auto task = McpTask::create("noisy", fakeServer());
+  auto task = McpTask::create(context_, "noisy", fakeServer());
   task->start();
   // 300 kB is far more than a pipe holds: the answer only comes if standard
   // error is read while the server runs.

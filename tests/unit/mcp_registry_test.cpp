@@ -47,11 +47,7 @@ TEST(McpServerEntry, ToolDescriptorsFillInDefaults) {
 
 class McpRegistry : public HomeFixture {
  protected:
-  void TearDown() override {
-    ClientMcp::shutdown();
-    gMcpTasks.clear();
-    HomeFixture::TearDown();
-  }
+  ClientMcp mcp_;
   void writeConfig(const std::string& text) { writeText(configPath(), text); }
   // A config with fake servers; each entry: name → fake-server options.
   std::string fakeConfig(const std::vector<std::pair<std::string, Json>>& servers) {
@@ -63,19 +59,19 @@ class McpRegistry : public HomeFixture {
   }
   std::vector<std::string> names() {
     std::vector<std::string> out;
-    for (auto& t : gMcpTasks) out.push_back(t->name());
+    for (auto& t : mcp_.tasks()) out.push_back(t->name());
     return out;
   }
   Json listAll() {
     std::optional<Json> result;
-    ClientMcp::listServersWithCompletion([&](Json servers) { result = std::move(servers); });
+    mcp_.listServersWithCompletion([&](Json servers) { result = std::move(servers); });
     EXPECT_FALSE(result.has_value()) << "the listing always completes later";
     EXPECT_TRUE(pumpUntil([&] { return result.has_value(); }));
     return result.value_or(Json());
   }
   Json call(const std::optional<std::string>& server, const std::optional<std::string>& tool, const Json& args) {
     std::optional<Json> result;
-    ClientMcp::callTool(server, tool, args, [&](Json r) { result = std::move(r); });
+    mcp_.callTool(server, tool, args, [&](Json r) { result = std::move(r); });
     EXPECT_TRUE(pumpUntil([&] { return result.has_value(); }));
     return result.value_or(Json());
   }
@@ -89,7 +85,7 @@ TEST_F(McpRegistry, MissingOrEmptyFileIsCreatedWithTheDefaultContent) {
 
   writeConfig("");
   LogCapture::instance().clear();
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   EXPECT_EQ(readText(configPath()), kDefault) << "an empty file is replaced";
   EXPECT_TRUE(logged("[MCP] created default config at ~/.config/ondrel/config.json"));
   EXPECT_TRUE(logged("[MCP] no mcpServers configured"));
@@ -105,33 +101,33 @@ TEST_F(McpRegistry, MissingOrEmptyFileIsCreatedWithTheDefaultContent) {
 }
 
 TEST_F(McpRegistry, WriteRefusesWhatIsNotAJsonObject) {
-  EXPECT_EQ(ClientMcp::writeConfig(Json(42)), "Config content must be a non-empty string");
-  EXPECT_EQ(ClientMcp::writeConfig(Json("")), "Config content must be a non-empty string");
-  EXPECT_EQ(ClientMcp::writeConfig(Json("{oops")), "Invalid JSON — the file must contain a JSON object");
-  EXPECT_EQ(ClientMcp::writeConfig(Json("[1, 2]")), "Invalid JSON — the file must contain a JSON object");
+  EXPECT_EQ(mcp_.writeConfig(Json(42)), "Config content must be a non-empty string");
+  EXPECT_EQ(mcp_.writeConfig(Json("")), "Config content must be a non-empty string");
+  EXPECT_EQ(mcp_.writeConfig(Json("{oops")), "Invalid JSON — the file must contain a JSON object");
+  EXPECT_EQ(mcp_.writeConfig(Json("[1, 2]")), "Invalid JSON — the file must contain a JSON object");
   EXPECT_FALSE(fs::exists(configPath())) << "nothing written";
 }
 
 TEST_F(McpRegistry, WriteReportsTheFileSystemsReason) {
   writeText(home() / ".config/ondrel", "a file where the folder should be");
-  auto error = ClientMcp::writeConfig(Json("{}"));
+  auto error = mcp_.writeConfig(Json("{}"));
   ASSERT_TRUE(error);
   EXPECT_NE(error->find("Not a directory"), std::string::npos) << *error;
 }
 
 TEST_F(McpRegistry, WriteKeepsTheTextAsGivenAndRestartsTheServers) {
   writeConfig(fakeConfig({{"one", {}}}));
-  ClientMcp::loadConfig();
-  ASSERT_EQ(gMcpTasks.size(), 1u);
-  auto before = gMcpTasks[0];
+  mcp_.loadConfig();
+  ASSERT_EQ(mcp_.tasks().size(), 1u);
+  auto before = mcp_.tasks()[0];
 
   std::string text = "{\"mcpServers\":{\"two\":{\"command\":\"" + fakeServer() + "\"}},   \"z\": 1}";
-  EXPECT_EQ(ClientMcp::writeConfig(Json(text)), std::nullopt);
+  EXPECT_EQ(mcp_.writeConfig(Json(text)), std::nullopt);
   EXPECT_EQ(readText(configPath()), text) << "not re-serialised";
   EXPECT_TRUE(logged("[MCP] config saved — restarting local MCP servers"));
   EXPECT_EQ(names(), std::vector<std::string>{"two"});
   EXPECT_FALSE(before->child()) << "the old server was stopped";
-  EXPECT_TRUE(gMcpTasks[0]->isRunning());
+  EXPECT_TRUE(mcp_.tasks()[0]->isRunning());
 }
 
 TEST_F(McpRegistry, LoadStartsEveryUsableEntryAndSaysWhatItSkipped) {
@@ -144,50 +140,50 @@ TEST_F(McpRegistry, LoadStartsEveryUsableEntryAndSaysWhatItSkipped) {
       "not-an-object": "npx",
       "ghost": {"command": "ondrel-no-such-server-command"}
   }})");
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   EXPECT_EQ(names(), (std::vector<std::string>{"alpha", "ghost"}));
   for (const char* skipped : {"no-command", "empty", "numeric"})
     EXPECT_TRUE(logged(std::string("[MCP] server '") + skipped + "' has no command — skipped")) << skipped;
   EXPECT_EQ(LogCapture::instance().countStartingWith("[MCP] server 'not-an-object'"), 0u) << "skipped silently";
   EXPECT_TRUE(logged("[MCP] loaded 2 server(s) from " + configPath().string())) << "a failed launch still counts";
-  EXPECT_TRUE(gMcpTasks[0]->isRunning());
+  EXPECT_TRUE(mcp_.tasks()[0]->isRunning());
 }
 
 TEST_F(McpRegistry, BrokenFileLeavesNoServerRunning) {
   writeConfig(fakeConfig({{"one", {}}}));
-  ClientMcp::loadConfig();
-  ASSERT_EQ(gMcpTasks.size(), 1u);
-  auto running = gMcpTasks[0];
+  mcp_.loadConfig();
+  ASSERT_EQ(mcp_.tasks().size(), 1u);
+  auto running = mcp_.tasks()[0];
 
   writeConfig("[\"not\", \"an object\"]");
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   EXPECT_TRUE(logged("[MCP] ~/.config/ondrel/config.json is not a JSON object"));
-  EXPECT_TRUE(gMcpTasks.empty());
+  EXPECT_TRUE(mcp_.tasks().empty());
   EXPECT_FALSE(running->child());
 
   for (const char* text : {R"({"mcpServers": []})", R"({"mcpServers": {}})", R"({"server": "x"})"}) {
     LogCapture::instance().clear();
     writeConfig(text);
-    ClientMcp::loadConfig();
+    mcp_.loadConfig();
     EXPECT_TRUE(logged("[MCP] no mcpServers configured")) << text;
   }
 }
 
 TEST_F(McpRegistry, UnreadableFileSkipsTheClient) {
   fs::create_directories(configPath());  // a folder: exists, not empty-sized, unreadable as a file
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   EXPECT_TRUE(logged("[MCP] could not read " + configPath().string() + " — skipping client MCP"));
-  EXPECT_TRUE(gMcpTasks.empty());
+  EXPECT_TRUE(mcp_.tasks().empty());
 }
 
 TEST_F(McpRegistry, NamespacesFindTheFirstServerInRegistryOrder) {
   writeConfig(fakeConfig({{"Git Hub", {}}, {"git-hub", {}}, {"--git hub--", {}}}));
-  ClientMcp::loadConfig();
-  ASSERT_EQ(gMcpTasks.size(), 3u);
-  EXPECT_EQ(ClientMcp::taskNamed("it--ub"), gMcpTasks[0]);
-  EXPECT_EQ(ClientMcp::taskNamed("git-hub"), gMcpTasks[1]) << "the later collision loses";
-  EXPECT_EQ(ClientMcp::taskNamed("Git Hub"), nullptr) << "looked up by namespace, not by name";
-  EXPECT_EQ(ClientMcp::taskNamed(std::nullopt), nullptr);
+  mcp_.loadConfig();
+  ASSERT_EQ(mcp_.tasks().size(), 3u);
+  EXPECT_EQ(mcp_.taskNamed("it--ub"), mcp_.tasks()[0]);
+  EXPECT_EQ(mcp_.taskNamed("git-hub"), mcp_.tasks()[1]) << "the later collision loses";
+  EXPECT_EQ(mcp_.taskNamed("Git Hub"), nullptr) << "looked up by namespace, not by name";
+  EXPECT_EQ(mcp_.taskNamed(std::nullopt), nullptr);
 }
 
 TEST_F(McpRegistry, ArgsAndEnvFromTheFileReachTheServer) {
@@ -202,7 +198,7 @@ while read -r line; do :; done
                           {"env", {{"TOKEN", "abc"}, {"PORT", 8080}, {"OUT", out.string()}}}}}}}};
   writeConfig(config.dump());
   unsetenv("PORT");
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   ASSERT_TRUE(pumpUntil([&] { return fs::exists(out); }));
   EXPECT_EQ(readText(out), "one\nthree\nTOKEN=abc\nPORT=unset\n");
 }
@@ -212,7 +208,7 @@ TEST_F(McpRegistry, ListingGivesOneDescriptorPerServerEvenWhenOneFails) {
   writeConfig(fakeConfig({{"Good One", {{"tools", tools}}},
                           {"broken", {{"initError", {{"code", -1}, {"message", "handshake refused"}}}}},
                           {"other", {{"tools", Json::array()}}}}));
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   Json servers = listAll();
   ASSERT_EQ(servers.size(), 3u);
   std::map<std::string, Json> byName;
@@ -235,8 +231,8 @@ TEST_F(McpRegistry, ListingGivesOneDescriptorPerServerEvenWhenOneFails) {
 
 TEST_F(McpRegistry, ListingErrorsWithoutAMessage) {
   writeConfig(fakeConfig({{"coded", {{"listError", {{"code", 5}}}}}, {"dead", {{"initSilent", true}}}}));
-  ClientMcp::loadConfig();
-  gMcpTasks[1]->stop();  // the client's own error
+  mcp_.loadConfig();
+  mcp_.tasks()[1]->stop();  // the client's own error
   Json servers = listAll();
   std::map<std::string, Json> byName;
   for (const auto& s : servers) byName[s["name"]] = s;
@@ -247,11 +243,11 @@ TEST_F(McpRegistry, ListingErrorsWithoutAMessage) {
 
 TEST_F(McpRegistry, CallingByNamespace) {
   writeConfig(fakeConfig({{"Files", {}}}));
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
 
   bool atOnce = false;
   Json unknown;
-  ClientMcp::callTool("files", "echo", Json::object(), [&](Json r) {
+  mcp_.callTool("files", "echo", Json::object(), [&](Json r) {
     atOnce = true;
     unknown = r;
   });
@@ -281,18 +277,18 @@ TEST_F(McpRegistry, ReloadOrQuitAnswersCallsAndListingsInFlight) {
     const char* outcome;
   };
   const Case cases[] = {
-      {"saved from the page", [](const std::string& config) { ClientMcp::writeConfig(Json(config)); }, "restarted"},
-      {"edited on disk", [](const std::string&) { ClientMcp::configDidChange(); }, "restarted"},
-      {"the app quits", [](const std::string&) { ClientMcp::shutdown(); }, "stopped"},
+      {"saved from the page", [this](const std::string& config) { mcp_.writeConfig(Json(config)); }, "restarted"},
+      {"edited on disk", [this](const std::string&) { mcp_.configDidChange(); }, "restarted"},
+      {"the app quits", [this](const std::string&) { mcp_.shutdown(); }, "stopped"},
   };
   for (const auto& c : cases) {
     // "mute" never finishes its handshake; "busy" would take its time with the call.
     std::string config = fakeConfig({{"busy", {}}, {"mute", {{"initSilent", true}}}});
     writeConfig(config);
-    ClientMcp::loadConfig();
+    mcp_.loadConfig();
     std::optional<Json> called, listed;
-    ClientMcp::callTool("busy", "t", {{"script", {{{"sleep", 30}}}}}, [&](Json r) { called = std::move(r); });
-    ClientMcp::listServersWithCompletion([&](Json r) { listed = std::move(r); });
+    mcp_.callTool("busy", "t", {{"script", {{{"sleep", 30}}}}}, [&](Json r) { called = std::move(r); });
+    mcp_.listServersWithCompletion([&](Json r) { listed = std::move(r); });
     c.end(config);  // both still in their handshakes
     ASSERT_TRUE(pumpUntil([&] { return called && listed; }, 5)) << c.what;
     EXPECT_EQ(*called, (Json{{"error", std::string("MCP server 'busy' ") + c.outcome}})) << c.what;
@@ -304,32 +300,32 @@ TEST_F(McpRegistry, ReloadOrQuitAnswersCallsAndListingsInFlight) {
 
 TEST_F(McpRegistry, ShutdownEndsEveryServerAndKeepsTheList) {
   writeConfig(fakeConfig({{"a", {}}, {"b", {}}}));
-  ClientMcp::loadConfig();
+  mcp_.loadConfig();
   std::vector<std::shared_ptr<ChildProcess>> children;
-  for (auto& task : gMcpTasks) children.push_back(task->child());
-  ClientMcp::shutdown();
-  EXPECT_EQ(gMcpTasks.size(), 2u);
+  for (auto& task : mcp_.tasks()) children.push_back(task->child());
+  mcp_.shutdown();
+  EXPECT_EQ(mcp_.tasks().size(), 2u);
   for (auto& child : children) EXPECT_TRUE(child->reaped()) << "shutdown waits for the processes to end";
 }
 
 TEST_F(McpRegistry, ChangeOnDiskReloadsOnlyAValidFile) {
   writeConfig(fakeConfig({{"a", {}}}));
-  ClientMcp::loadConfig();
-  auto first = gMcpTasks.at(0);
+  mcp_.loadConfig();
+  auto first = mcp_.tasks().at(0);
 
   writeConfig("{ not json");
-  ClientMcp::configDidChange();
+  mcp_.configDidChange();
   EXPECT_TRUE(logged("[MCP] config.json changed on disk but is not valid JSON — keeping current servers"));
   pumpFor(0.1);
-  EXPECT_EQ(gMcpTasks.at(0), first);
+  EXPECT_EQ(mcp_.tasks().at(0), first);
 
   writeConfig(fakeConfig({{"b", {}}}));
-  ClientMcp::configDidChange();
+  mcp_.configDidChange();
   EXPECT_TRUE(logged("[MCP] config.json changed on disk — reloading servers"));
   ASSERT_TRUE(pumpUntil([&] { return names() == std::vector<std::string>{"b"}; }));
 
   fs::remove(configPath());
   LogCapture::instance().clear();
-  ClientMcp::configDidChange();
+  mcp_.configDidChange();
   EXPECT_TRUE(LogCapture::instance().lines().empty()) << "an unreadable file changes nothing";
 }

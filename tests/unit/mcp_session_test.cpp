@@ -83,7 +83,7 @@ class McpSession : public HomeFixture {
   }
 
   std::shared_ptr<McpTask> startFake(const std::string& name = "fake", const Json& opts = Json::object()) {
-    auto task = McpTask::create(name, fakeServer(), {opts.dump()}, {{"FAKE_LOG", serverLog().string()}});
+    auto task = McpTask::create(context_, name, fakeServer(), {opts.dump()}, {{"FAKE_LOG", serverLog().string()}});
     task->start();
     tasks_.push_back(task);
     return task;
@@ -146,7 +146,7 @@ TEST_F(McpSession, FramingToleratesBlankLinesSplitsAndAFinalLineWithoutNewline) 
 }
 
 TEST_F(McpSession, OverlongLineIsSkippedAndTheNextOneCounts) {
-  auto task = McpTask::create("fake", fakeServer());
+  auto task = McpTask::create(context_, "fake", fakeServer());
   task->setLimits({.outputLine = 1000});
   task->start();
   tasks_.push_back(task);
@@ -160,7 +160,7 @@ TEST_F(McpSession, OverlongLineIsSkippedAndTheNextOneCounts) {
 }
 
 TEST_F(McpSession, ServerThatStopsReadingIsStoppedPastTheBacklog) {
-  auto task = McpTask::create("deaf", fakeServer(), {Json{{"startDelay", 30}}.dump()});
+  auto task = McpTask::create(context_, "deaf", fakeServer(), {Json{{"startDelay", 30}}.dump()});
   task->setLimits({.writeBacklog = 150000});
   task->start();
   tasks_.push_back(task);
@@ -222,12 +222,11 @@ TEST_F(McpSession, IdsMatchNumericallyAndStringIdsNeverMatch) {
 TEST_F(McpSession, IdsComeFromOneCounterForAllServers) {
   auto a = startFake("a");
   auto b = startFake("b");
-  int64_t before = gMcpSeq;
   auto r1 = request(*a, scripted({{{"respond", Json::object()}}}));
   auto r2 = request(*b, scripted({{{"respond", Json::object()}}}));
   ASSERT_TRUE(pumpUntil([&] { return r1->done() && r2->done(); }));
-  EXPECT_EQ(r1->responses[0]["id"], before + 1);
-  EXPECT_EQ(r2->responses[0]["id"], before + 2);
+  EXPECT_EQ(r1->responses[0]["id"], 1) << "the first id of the servers' context";
+  EXPECT_EQ(r2->responses[0]["id"], 2);
 }
 
 TEST_F(McpSession, LateAnswerAfterTheTimeOutIsDropped) {
@@ -271,7 +270,7 @@ TEST_F(McpSession, ServerDyingMidRequestFailsEveryOutstandingRequest) {
 }
 
 TEST_F(McpSession, RequestToAServerThatNeverStartedFailsAtOnce) {
-  auto task = McpTask::create("ghost", "ondrel-no-such-server-command");
+  auto task = McpTask::create(context_, "ghost", "ondrel-no-such-server-command");
   task->start();
   auto outcome = request(*task, Json::object());
   ASSERT_TRUE(pumpUntil([&] { return outcome->done(); }, 2));

@@ -1,46 +1,22 @@
 #pragma once
 
-// Shared by the MCP tests: a scriptable fake MCP server, a bounded main-loop
-// pump (completions arrive through runOnMain), and a temporary HOME.
+// Shared by the MCP tests: a scriptable fake MCP server and a temporary HOME.
 
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <optional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "base/json.h"
-#include "log_capture.h"
+#include "mcp/mcp_task.h"
 #include "home_override.h"
+#include "log_capture.h"
+#include "main_loop.h"
 #include "test_files.h"
-
-// Runs the main loop until `done` holds or the time runs out. A 10 ms tick
-// re-checks conditions that change off the main thread (files, processes).
-inline bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  guint tick = g_timeout_add(10, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-  bool ok = true;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      ok = false;
-      break;
-    }
-    g_main_context_iteration(nullptr, TRUE);
-  }
-  g_source_remove(tick);
-  return ok;
-}
-
-// Runs the main loop for a fixed time (to show that something does NOT happen).
-inline void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
-}
 
 // The fake server speaks newline-delimited JSON-RPC. It answers initialize
 // and tools/list (the tool list, error answers and a delay before it starts
@@ -135,6 +111,8 @@ class HomeFixture : public ::testing::Test {
   }
 
   const std::filesystem::path& home() const { return home_.path(); }
+  // What the test's servers share, as a registry's would.
+  std::shared_ptr<McpServerContext> context_ = std::make_shared<McpServerContext>();
   std::filesystem::path configPath() const { return home_.path() / ".config/ondrel/config.json"; }
   std::string fakeServer() { return writeExecutable(home_.path() / "fake_server.py", kFakeServerPy); }
 

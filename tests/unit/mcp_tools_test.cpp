@@ -112,7 +112,7 @@ class McpTools : public HomeFixture {
     HomeFixture::TearDown();
   }
   std::shared_ptr<McpTask> start(const Json& opts = Json::object()) {
-    task_ = McpTask::create("tools", fakeServer(), {opts.dump()}, {{"FAKE_LOG", (home() / "log.jsonl").string()}});
+    task_ = McpTask::create(context_, "tools", fakeServer(), {opts.dump()}, {{"FAKE_LOG", (home() / "log.jsonl").string()}});
     task_->start();
     return task_;
   }

@@ -1,4 +1,4 @@
-#include "bridge/navigation_policy.h"
+#include "webview/navigation_policy.h"
 
 #include <gtest/gtest.h>
 

@@ -177,22 +177,4 @@ TEST_F(ServerSelectionTest, FailedSaveIsLoggedAndStartupGoesOn) {
   EXPECT_EQ(got[1], "[Server] loading " + kChosen + " (chosen in the first-run prompt)");
 }
 
-TEST(ServerURL, ResolvesOnceAndKeepsTheAnswer) {
-  // Written so that it also holds when gtest repeats it in the same process.
-  int calls = 0;
-  auto runner = [&]() -> std::optional<std::string> {
-    ++calls;
-    return std::nullopt;
-  };
-  gCmdlineServer = "demo";
-  const auto& first = ondrelServerURL(runner);
-  EXPECT_EQ(first, "https://demo.on." + D);
-  LogCapture::instance().clear();
-  gCmdlineServer = "other";
-  EXPECT_EQ(&ondrelServerURL(runner), &first);
-  EXPECT_EQ(first, "https://demo.on." + D);
-  EXPECT_EQ(LogCapture::instance().lines(), Lines{});
-  EXPECT_EQ(calls, 0);
-}
-
 }  // namespace

@@ -12,9 +12,9 @@
 #include "update/downloader.h"
 #include "update/http_get.h"
 #include "update/pending_update.h"
-#include "update/update_check.h"
 #include "update/update_paths.h"
 #include "update/update_transfer.h"
+#include "update/updater.h"
 #include "update/version.h"
 #include "zip_builder.h"
 
@@ -34,6 +34,8 @@ TEST(UpdateDownload, DestinationIsTheLastUrlComponent) {
   EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/Ondrel-2.0-x86_64.zip"), "/u/Ondrel-2.0-x86_64.zip");
   EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/"), "/u/Ondrel.zip");
   EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/.."), "/u/Ondrel.zip");
+  EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/a.zip?sig=x/y#top"), "/u/a.zip") << "query and fragment go";
+  EXPECT_EQ(ondrelUpdateDestination("/u", "https://h/r/?name=a.zip"), "/u/Ondrel.zip");
   EXPECT_EQ(ondrelProgressLabel("2.1"), "Updating to 2.1…");
   EXPECT_EQ(ondrelProgressLabel(""), "Downloading update…");
 }
@@ -102,10 +104,12 @@ class DownloaderTest : public ::testing::Test {
           outcome->error = error;
           outcome->finished = true;
         });
-    EXPECT_TRUE(spinUntil([&] {
-      std::lock_guard l(*lock);
-      return outcome->finished;
-    }));
+    EXPECT_TRUE(pumpUntil(
+        [&] {
+          std::lock_guard l(*lock);
+          return outcome->finished;
+        },
+        20));
     std::lock_guard l(*lock);
     return *outcome;
   }
@@ -174,17 +178,15 @@ class UpdateFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
     LogCapture::instance().clear();
-    gUpdateIsDeferred = false;
     fs::create_directories(home_.dataDir());
   }
-  void TearDown() override { gUpdateIsDeferred = false; }
   void serveManifest(const std::string& text) {
     server_.route("/rel/latest.txt", {200, text});
     home_.writeConfig(R"({"updateUrl": ")" + server_.url("/rel/latest.txt") + R"("})");
   }
   void check() {
-    ondrelCheckForUpdates();
-    ASSERT_TRUE(spinUntil([&] {
+    updater_.checkForUpdates();
+    ASSERT_TRUE(pumpUntil([&] {
       return !host_.asked.empty() || loggedPrefix("[Update] already") || loggedPrefix("[Update] manifest");
     }));
   }
@@ -192,18 +194,19 @@ class UpdateFlowTest : public ::testing::Test {
   HomeOverride home_;
   HttpTestServer server_;
   FakeUpdateHost host_;
+  Updater updater_{host_};
 };
 
 TEST_F(UpdateFlowTest, DisabledOrRefusedUpdatesAreNeverFetched) {
   serveManifest("99.0\na.zip\n");
   home_.writeConfig(R"({"updateEnabled": false, "updateUrl": ")" + server_.url("/rel/latest.txt") + R"("})");
-  ondrelCheckForUpdates();
+  updater_.checkForUpdates();
   EXPECT_TRUE(logged("[Update] auto-update disabled (updateEnabled=false) — skipping"));
   home_.writeConfig(R"({"updateBaseUrl": "ftp://nowhere"})");
-  ondrelCheckForUpdates();
+  updater_.checkForUpdates();
   EXPECT_TRUE(logged("[Update] no update URL configured — skipping check"));
   home_.writeConfig(R"({"updateBaseUrl": "http://updates.example.org"})");
-  ondrelCheckForUpdates();
+  updater_.checkForUpdates();
   EXPECT_TRUE(logged("[Update] “http://updates.example.org/releases/linux/latest.txt” is plain http, which the updater "
                      "accepts only from this machine (127.0.0.1, ::1, localhost) — skipping check"));
   EXPECT_TRUE(server_.requests().empty());
@@ -226,12 +229,12 @@ TEST_F(UpdateFlowTest, LaterAndNextRestartAnswers) {
   host_.choice = UpdateHost::Choice::Later;
   check();
   EXPECT_EQ(host_.asked, (std::vector<std::string>{"99.1 over " + ondrelCurrentVersion()}));
-  EXPECT_TRUE(spinUntil([&] { return logged("[Update] deferred by user"); }));
+  EXPECT_TRUE(pumpUntil([&] { return logged("[Update] deferred by user"); }));
   EXPECT_FALSE(fs::exists(ondrelPendingUpdatePath()));
 
   host_.choice = UpdateHost::Choice::NextRestart;
-  ondrelCheckForUpdates();
-  ASSERT_TRUE(spinUntil([&] { return logged("[Update] scheduled version 99.1 for next restart"); }));
+  updater_.checkForUpdates();
+  ASSERT_TRUE(pumpUntil([&] { return logged("[Update] scheduled version 99.1 for next restart"); }));
   EXPECT_EQ(host_.asked.size(), 2u);
   auto record = ondrelReadPendingUpdate(ondrelPendingUpdatePath());
   ASSERT_TRUE(record);
@@ -248,7 +251,7 @@ TEST_F(UpdateFlowTest, UpdateNowDownloadsUnpacksAndStartsTheSwap) {
   host_.choice = UpdateHost::Choice::UpdateNow;
   host_.executable = "/home/u/Apps/Ondrel.AppDir/usr/bin/ondrel";
   check();
-  ASSERT_TRUE(spinUntil([&] { return host_.finished(); })) << "no exit and no failure";
+  ASSERT_TRUE(pumpUntil([&] { return host_.finished(); }, 20)) << "no exit and no failure";
 
   EXPECT_EQ(host_.failures, std::vector<std::string>{});
   EXPECT_EQ(host_.progressLabels, (std::vector<std::string>{"Updating to 99.2…"}));
@@ -264,10 +267,10 @@ TEST_F(UpdateFlowTest, UpdateNowDownloadsUnpacksAndStartsTheSwap) {
 TEST_F(UpdateFlowTest, ScheduledUpdateIsRemovedFirstAndAFailureGoesOnWithTheStart) {
   const std::string url = server_.url("/gone/Ondrel.zip");
   ASSERT_TRUE(ondrelWritePendingUpdate(ondrelPendingUpdatePath(), "3.0", url));
-  ondrelApplyScheduledUpdate();
+  updater_.applyScheduledUpdate();
 
   EXPECT_FALSE(fs::exists(ondrelPendingUpdatePath()));
-  EXPECT_TRUE(gUpdateIsDeferred);
+  EXPECT_TRUE(updater_.isDeferred());
   EXPECT_EQ(host_.loopRuns, 1);
   EXPECT_EQ(host_.loopStops, 1);
   EXPECT_TRUE(logged("[Update] applying scheduled update 3.0 (" + url + ")"));
@@ -289,7 +292,7 @@ TEST_F(UpdateFlowTest, FailedOrRefusedDownloadShowsWhyAndStopsTheDeferredLoop) {
   for (size_t i = 0; i < cases.size(); ++i) {
     SCOPED_TRACE(cases[i].url);
     ASSERT_TRUE(ondrelWritePendingUpdate(ondrelPendingUpdatePath(), "", cases[i].url));
-    ondrelApplyScheduledUpdate();
+    updater_.applyScheduledUpdate();
     EXPECT_TRUE(logged("[Update] applying scheduled update  (" + cases[i].url + ")"));
     EXPECT_TRUE(loggedPrefix("[Update] download failed: " + cases[i].why));
     ASSERT_EQ(host_.failures.size(), i + 1);
@@ -305,11 +308,11 @@ TEST_F(UpdateFlowTest, RecordsWithoutAUrlAreLeftAlone) {
   for (const char* text : {R"({"version": "2.0", "url": ""})", R"({"version": "2.0", "url": 7})",
                            R"({"version": "2.0"})", R"(["url", "http://x/a.zip"])", "{broken"}) {
     writeText(path, text);
-    ondrelApplyScheduledUpdate();
+    updater_.applyScheduledUpdate();
     EXPECT_EQ(readText(path), text);
     EXPECT_EQ(host_.loopRuns, 0) << text;
   }
-  EXPECT_FALSE(gUpdateIsDeferred);
+  EXPECT_FALSE(updater_.isDeferred());
   writeText(path, R"({"url": "http://x/a.zip", "version": 5})");
   auto record = ondrelReadPendingUpdate(path);
   ASSERT_TRUE(record);
@@ -333,7 +336,7 @@ TEST_F(UpdateFlowTest, AboutTextShowsVersionServerAndUpdateSource) {
   EXPECT_EQ(text.substr(text.find("\n\n")), "\n\nVersion 1 (build 1)\nInstance Server: —\nUpdate Source: disabled\n"
                                                "Updates are not signature-checked.");
 
-  ondrelShowAbout(std::nullopt);
+  updater_.showAbout(std::nullopt);
   EXPECT_EQ(host_.abouts.size(), 1u);
 }
 

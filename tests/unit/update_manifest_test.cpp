@@ -69,6 +69,7 @@ TEST(UpdateManifest, ZipUrlReplacesTheLastPathComponent) {
   EXPECT_EQ(ondrelZipURL("https://h", "a.zip"), "https://h/a.zip");
   EXPECT_EQ(ondrelZipURL("https://h/dir/", "a.zip"), "https://h/a.zip") << "the last component is dir";
   EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt?channel=beta", "a.zip"), "https://h/m/a.zip?channel=beta");
+  EXPECT_EQ(ondrelZipURL("http://[::1]:9/m/latest.txt#top", "a.zip"), "http://[::1]:9/m/a.zip#top");
   EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt", "/a.zip"), "https://h/m/a.zip") << "one slash between";
   EXPECT_EQ(ondrelZipURL("https://h/m/latest.txt", "sub/a b#1.zip"), "https://h/m/sub/a%20b%231.zip");
 }

@@ -1,4 +1,4 @@
-#include "bridge/file_chooser_gtk.h"
+#include "webview/file_chooser_gtk.h"
 
 #include <memory>
 

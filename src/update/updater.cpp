@@ -1,20 +1,16 @@
-#include "update/update_check.h"
-
-#include <thread>
+#include "update/updater.h"
 
 #include "base/log.h"
 #include "base/main_thread.h"
 #include "base/settings.h"
-#include "update/begin_update.h"
 #include "update/http_get.h"
 #include "update/pending_update.h"
-#include "update/update_transfer.h"
 #include "update/update_host.h"
 #include "update/update_paths.h"
-#include "update/update_signature.h"
+#include "update/update_transfer.h"
 #include "update/version.h"
 
-void ondrelCheckForUpdates() {
+void Updater::checkForUpdates() {
   if (!ondrelUpdatesEnabled()) {
     logLine("[Update] auto-update disabled (updateEnabled=false) — skipping");
     return;
@@ -29,23 +25,22 @@ void ondrelCheckForUpdates() {
     return;
   }
   logLine("[Update] checking " + *url);
-  static bool toldUnsigned = false;
-  if (!ondrelUpdatesAreSigned() && !toldUnsigned) {
-    toldUnsigned = true;
+  if (!ondrelUpdatesAreSigned() && !toldUnsigned_) {
+    toldUnsigned_ = true;
     logLine("[Update] updates are not signature-checked: this copy was built without an update key");
   }
-  std::thread([manifestUrl = *url] {
+  runInBackground([this, manifestUrl = *url] {
     HttpAnswer answer = ondrelHttpGet(manifestUrl);
     auto offer = ondrelEvaluateManifest(manifestUrl, answer.ok, answer.status, answer.body, ondrelCurrentVersion());
-    if (offer) runOnMain([offer = *offer] { ondrelOfferUpdate(offer); });
-  }).detach();
+    if (offer) runOnMain([this, offer = *offer] { offerUpdate(offer); });
+  });
 }
 
-void ondrelOfferUpdate(const UpdateOffer& offer) {
-  updateHost().askToUpdate(offer.remote, offer.current, [offer](UpdateHost::Choice choice) {
+void Updater::offerUpdate(const UpdateOffer& offer) {
+  host_.askToUpdate(offer.remote, offer.current, [this, offer](UpdateHost::Choice choice) {
     switch (choice) {
       case UpdateHost::Choice::UpdateNow:
-        ondrelBeginUpdate(offer.remote, offer.zipUrl);
+        beginUpdate(offer.remote, offer.zipUrl);
         break;
       case UpdateHost::Choice::NextRestart:
         ondrelWritePendingUpdate(ondrelPendingUpdatePath(), offer.remote, offer.zipUrl);
@@ -55,5 +50,12 @@ void ondrelOfferUpdate(const UpdateOffer& offer) {
         logLine("[Update] deferred by user");
         break;
     }
+  });
+}
+
+void Updater::failUpdate(const std::string& informativeText) {
+  host_.hideProgress();
+  host_.showFailure(informativeText, [this] {
+    if (updateIsDeferred_) host_.stopEventLoop();
   });
 }
