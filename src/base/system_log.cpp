@@ -1,17 +1,12 @@
 #include "base/system_log.h"
 
 #include <glib.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
-#include <thread>
 
 namespace {
 
@@ -71,75 +66,6 @@ bool writeAll(const std::string& text) {
   return true;
 }
 
-// Lines on their way to standard error. Whatever reads it (a terminal, the
-// journal) is another process, woken for each write: written one by one, a
-// flood of 100,000 lines took two to three times as long to log.
-struct Outbox {
-  std::mutex lock;  // guards text and writerStarted
-  std::condition_variable arrived;
-  std::string text;
-  bool writerStarted = false;
-  std::mutex writing;  // held from taking lines to having written them: keeps them in order
-};
-
-// Long enough to gather a burst, short enough that nobody watching the log
-// can tell.
-constexpr auto kGatherFor = std::chrono::milliseconds(10);
-// A reader that does not keep up slows the logging thread, as a plain write
-// would, rather than letting lines pile up here.
-constexpr size_t kMostGathered = 1 << 20;
-
-Outbox& outbox() {
-  static auto* box = new Outbox;  // never destroyed: threads may log at exit
-  return *box;
-}
-
-void writeGathered(Outbox& box) {
-  std::string text;
-  {
-    std::lock_guard guard(box.lock);
-    text.swap(box.text);
-  }
-  writeAll(text);
-}
-
-void flushAtExit() { flushSystemLog(); }
-
-void gatheringWriter() {
-  pthread_setname_np(pthread_self(), "ondrel.log");
-  Outbox& box = outbox();
-  for (;;) {
-    {
-      std::unique_lock guard(box.lock);
-      box.arrived.wait(guard, [&] { return !box.text.empty(); });
-    }
-    std::this_thread::sleep_for(kGatherFor);
-    std::lock_guard writing(box.writing);
-    writeGathered(box);
-  }
-}
-
-void gather(const std::string& text) {
-  Outbox& box = outbox();
-  bool wake, full;
-  {
-    std::lock_guard guard(box.lock);
-    if (!box.writerStarted) {
-      box.writerStarted = true;
-      std::atexit(flushAtExit);
-      std::thread(gatheringWriter).detach();
-    }
-    wake = box.text.empty();
-    box.text += text;
-    full = box.text.size() >= kMostGathered;
-  }
-  if (full) {
-    flushSystemLog();
-  } else if (wake) {
-    box.arrived.notify_one();
-  }
-}
-
 GLogWriterOutput writer(GLogLevelFlags level, const GLogField* fields, gsize count, gpointer data) {
   if (level == G_LOG_LEVEL_MESSAGE && plainStderr()) {
     std::string_view domain, message;
@@ -156,16 +82,10 @@ GLogWriterOutput writer(GLogLevelFlags level, const GLogField* fields, gsize cou
     }
     static const bool utf8Console = g_get_console_charset(nullptr);
     if (haveMessage && domain == "ondrel") {
-      if (auto text = systemLogText(message, g_get_real_time(), utf8Console)) {
-        gather(*text);
-        return G_LOG_WRITER_HANDLED;
-      }
+      if (auto text = systemLogText(message, g_get_real_time(), utf8Console))
+        return writeAll(*text) ? G_LOG_WRITER_HANDLED : G_LOG_WRITER_UNHANDLED;
     }
   }
-  // After the lines logged before it; a fatal message is written before
-  // GLib aborts.
-  std::lock_guard writing(outbox().writing);
-  writeGathered(outbox());
   return g_log_writer_default(level, fields, count, data);
 }
 
@@ -184,8 +104,3 @@ std::optional<std::string> systemLogText(std::string_view message, int64_t realT
 }
 
 void installSystemLogWriter() { g_log_set_writer_func(writer, nullptr, nullptr); }
-
-void flushSystemLog() {
-  std::lock_guard writing(outbox().writing);
-  writeGathered(outbox());
-}

@@ -10,15 +10,7 @@
 // takes a shorter way: one write() instead of a terminal check, a time-zone
 // check and two stdio calls per line, which a flood of lines (an MCP
 // server's stderr, a burst of bridge calls) would otherwise pay each time.
-// Those lines are gathered for a few milliseconds and written together, so
-// that whatever reads standard error (a terminal, the journal) is woken per
-// burst rather than per line. Every other message first writes out what is
-// gathered, so the order of lines never changes.
 void installSystemLogWriter();
-
-// Writes out the lines still gathered. Runs at exit by itself; call it
-// before leaving by _exit() or exec().
-void flushSystemLog();
 
 // What GLib's default writer puts on a colourless standard error for
 // `message` of domain "ondrel" at message level, logged at realTimeUs

@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "base/system_log.h"
-
 std::string UpdateHost::runningExecutable() {
   std::error_code ec;
   auto path = std::filesystem::read_symlink("/proc/self/exe", ec);
@@ -25,7 +23,6 @@ bool UpdateHost::launchSwapScript(const std::string& scriptPath) {
 }
 
 void UpdateHost::exitProcess(int status) {
-  flushSystemLog();
   std::fflush(nullptr);
   _exit(status);
 }
