@@ -7,7 +7,9 @@ Both programs load the same local page under one Xvfb. For each run:
   memory    = summed VmRSS of the process and all its descendants (the WebKit
               web and network processes), taken right at load and again after
               a settle time; then also summed PSS, which counts the pages the
-              processes share (the WebKit library) once.
+              processes share (the WebKit library) once, and what they hold
+              between them (see held_kib), which other programs' use of the
+              same library does not move.
 Runs alternate between the programs so that disk caches and machine noise
 fall on both alike; a warm-up run of each is made first and not counted.
 
@@ -28,6 +30,7 @@ from __future__ import annotations
 import argparse
 import os
 import statistics
+import struct
 import sys
 import tempfile
 import time
@@ -62,6 +65,42 @@ def total_pss_kib(pid: int) -> int:
     return pss_kib(pid) + sum(pss_kib(child) for child in descendants(pid))
 
 
+def held_kib(pid: int) -> int:
+    """What the processes hold between them, whoever else runs: each page
+    they map counted once. PSS would also share out the WebKit library's pages
+    with any other program running WebKit at the time, which on a shared
+    machine moves it by tens of MB. Anonymous memory is each process's own;
+    the pages of files and shared memory are told apart by their frame
+    numbers (visible to root only; without them this is the RSS sum)."""
+    anonymous = 0
+    frames: set[int] = set()
+    for p in [pid, *descendants(pid)]:
+        try:
+            with open(f"/proc/{p}/smaps") as smaps, open(f"/proc/{p}/pagemap", "rb") as pagemap:
+                start = end = 0
+                named = False
+                for line in smaps:
+                    field = line.split(maxsplit=1)[0]
+                    if not field.endswith(":"):
+                        parts = line.split(maxsplit=5)
+                        start, end = (int(x, 16) for x in parts[0].split("-"))
+                        named = len(parts) > 5 and not parts[5].startswith("[")
+                    elif field == "Rss:" and int(line.split()[1]):
+                        if not named:
+                            anonymous += int(line.split()[1])
+                            continue
+                        pagemap.seek(start // 4096 * 8)
+                        entries = pagemap.read((end - start) // 4096 * 8)
+                        for (entry,) in struct.iter_unpack("<Q", entries):
+                            if entry >> 63:
+                                frames.add(entry & ((1 << 55) - 1))
+        except OSError:
+            pass
+    if frames == {0}:  # frame numbers hidden
+        return total_rss_kib(pid)
+    return anonymous + 4 * len(frames)
+
+
 def one_run(screen: Screen, web: WebServer, binary: str, settle: float, ondrel: bool, resize_to=None) -> dict:
     with tempfile.TemporaryDirectory(prefix="ondrel-bench-") as home:
         # A config that switches off the update check keeps ondrel off the network.
@@ -81,11 +120,12 @@ def one_run(screen: Screen, web: WebServer, binary: str, settle: float, ondrel: 
             time.sleep(settle)
             rss_settled = total_rss_kib(app.pid)
             pss_settled = total_pss_kib(app.pid)
+            held_settled = held_kib(app.pid)
             processes = 1 + len(descendants(app.pid))
         finally:
             app.kill()
     return {"startup": startup, "rss_load": rss_at_load, "rss_settled": rss_settled,
-            "pss_settled": pss_settled, "processes": processes}
+            "pss_settled": pss_settled, "held_settled": held_settled, "processes": processes}
 
 
 def main() -> int:
@@ -139,7 +179,8 @@ def main() -> int:
     print(f"\nStart-up to page load and resident memory of all processes "
           f"({args.runs} runs each, median / min)\n")
     header = (f"{'program':12s} {'start-up ms':>17s} {'RSS at load MiB':>19s} "
-              f"{'RSS +%gs MiB' % args.settle:>19s} {'PSS +%gs MiB' % args.settle:>19s}")
+              f"{'RSS +%gs MiB' % args.settle:>19s} {'PSS +%gs MiB' % args.settle:>19s} "
+              f"{'held +%gs MiB' % args.settle:>19s}")
     print(header)
     print("-" * len(header))
     for name, runs in results.items():
@@ -152,7 +193,8 @@ def main() -> int:
               f"{cell([r['startup'] for r in runs], 1000, '{:.0f}'):>17s} "
               f"{cell([r['rss_load'] for r in runs], 1 / 1024, '{:.1f}'):>19s} "
               f"{cell([r['rss_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s} "
-              f"{cell([r['pss_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s}")
+              f"{cell([r['pss_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s} "
+              f"{cell([r['held_settled'] for r in runs], 1 / 1024, '{:.1f}'):>19s}")
     return 0
 
 

@@ -20,12 +20,14 @@
 
 namespace {
 
-// The most either read action hands the page in one reply. Both replies
-// travel as one script that is copied several times on the way (our text,
-// WebKit's string, the message to the web process, the page's parse and its
-// string): 16 MB of file makes some 100 MB at the peak and takes the page
-// about a second. More would only freeze the page and swell both processes;
-// text that large is not something a page shows anyway.
+// The most either read action hands the page in one reply. The value is
+// held several times over on its way (the file's bytes, our reply text,
+// WebKit's copy of each piece, the messages to the web process, the pieces
+// in the page and the string they are joined into), so a reply costs both
+// processes several times the file's size for a moment, and 16 MB takes the
+// page up to a second or two on a busy machine. More would only stall the
+// page and swell both processes; text that large is not something a page
+// shows anyway.
 constexpr size_t kMaxPresentable = 16777216;
 const char* const kTooLarge = "file too large to present (max 16 MB)";
 
