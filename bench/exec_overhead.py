@@ -26,8 +26,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
-from exec_client import ExecClient  # noqa: E402
-from harness import Screen, WebServer, Xvfb  # noqa: E402
+from bridge_client import BridgeClient  # noqa: E402
+from harness import App, Screen, WebServer, Xvfb  # noqa: E402
 
 # Runs in the page: one "exec" of `true`, timed from postMessage to the
 # app's __resolve (the page's own __resolve is passed every other reply).
@@ -80,26 +80,28 @@ def main() -> int:
         env = {"HOME": str(home), "PATH": os.environ.get("PATH", "/usr/bin:/bin")}
         xvfb = Xvfb()
         web = WebServer()
-        client = None
+        app = None
         try:
-            client = ExecClient(Screen(xvfb), web, home, binary=args.ondrel).start()
+            bridge = BridgeClient(web)
+            app = App(Screen(xvfb), home, args=[bridge.url], binary=args.ondrel).start()
+            bridge.attach(app).wait_ready(timeout=30)
             for _ in range(10):  # warm-up; also creates ~/.ssh and ~/.gnupg
-                client.run("true")
+                assert bridge.wait_reply(bridge.request("exec", "~", "true"), 60).ok
             real_home = str(home.resolve())
-            plain, bwrap, bridge = [], [], []
+            plain, bwrap, bridge_ms = [], [], []
             for _ in range(args.n):
                 plain.append(timed_ms(["/bin/bash", "-lc", "true"], env, real_home))
                 bwrap.append(timed_ms(bwrap_args(real_home, real_home, "true"), env, real_home))
-                bridge.append(client.bridge.run(TIMED_EXEC))
+                bridge_ms.append(bridge.run(TIMED_EXEC))
         finally:
-            if client:
-                client.stop()
+            if app:
+                app.kill()
             web.stop()
             xvfb.stop()
 
-    med = {name: statistics.median(v) for name, v in (("plain", plain), ("bwrap", bwrap), ("bridge", bridge))}
+    med = {name: statistics.median(v) for name, v in (("plain", plain), ("bwrap", bwrap), ("bridge", bridge_ms))}
     p90 = {name: statistics.quantiles(v, n=10)[-1] for name, v in (("plain", plain), ("bwrap", bwrap),
-                                                                     ("bridge", bridge))}
+                                                                     ("bridge", bridge_ms))}
     print(f'exec of "true", n={args.n} rounds (median / p90, ms)')
     for name in ("plain", "bwrap", "bridge"):
         print(f"  {name:7s} {med[name]:7.2f} / {p90[name]:7.2f}")

@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr const char* kUsage =
+constexpr const char* kMcpUsage =
     "Usage: ondrel mcp [-v] list\n"
     "       ondrel mcp [-v] call SERVER TOOL [JSON-ARGS]\n"
     "\n"
@@ -48,7 +48,7 @@ std::optional<Command> parse(std::vector<std::string> args, std::ostream& err) {
     args.erase(args.begin());
   }
   auto usage = [&err](const std::string& problem) {
-    err << "ondrel mcp: " << problem << "\n" << kUsage;
+    err << "ondrel mcp: " << problem << "\n" << kMcpUsage;
     return std::nullopt;
   };
   if (args.empty()) return usage("list or call?");
@@ -95,7 +95,7 @@ bool runUntil(const std::function<bool()>& done) {
   return !interrupted;
 }
 
-std::string asText(const Json& value) { return value.is_string() ? value.get<std::string>() : describeJson(value); }
+std::string errorText(const Json& value) { return value.is_string() ? value.get<std::string>() : describeJson(value); }
 
 // One configured server as the registry started it.
 struct Started {
@@ -174,7 +174,7 @@ int list(ClientMcp& mcp, std::ostream& out, std::ostream& err) {
       }
       auto error = descriptor ? descriptor->find("error") : Json::const_iterator();
       bool failed = !descriptor || error != descriptor->end();
-      McpServerReport report = reportFor(*s, failed && descriptor ? asText(*error) : std::string());
+      McpServerReport report = reportFor(*s, failed && descriptor ? errorText(*error) : std::string());
       if (!failed) report.tools = descriptor->at("tools");
       reports.push_back(std::move(report));
     }
@@ -206,10 +206,10 @@ int call(ClientMcp& mcp, const Command& command, std::ostream& out, std::ostream
                         [&](const Started& s) { return ClientMcp::namespaceFor(s.task->name()) == command.server; });
   if (s != started.end() && (!s->task->launchFailure().empty() || s->endedByItself)) {
     // Why the server was not there to answer, with its last words.
-    err << ondrelFormatServerReports({reportFor(*s, asText(*error))});
+    err << ondrelFormatServerReports({reportFor(*s, errorText(*error))});
     return 1;
   }
-  err << "ondrel mcp: " << asText(*error) << "\n";
+  err << "ondrel mcp: " << errorText(*error) << "\n";
   if (s == started.end()) {
     std::string names;
     for (const auto& other : started) names += (names.empty() ? "" : ", ") + ClientMcp::namespaceFor(other.task->name());

@@ -12,7 +12,7 @@ namespace {
 constexpr size_t kStderrLines = 10;
 constexpr size_t kSummaryBytes = 100;
 
-std::string trimmed(std::string_view text) {
+std::string trimmedCopy(std::string_view text) {
   size_t begin = text.find_first_not_of(" \t\r");
   if (begin == std::string_view::npos) return {};
   size_t end = text.find_last_not_of(" \t\r");
@@ -22,7 +22,7 @@ std::string trimmed(std::string_view text) {
 // A tool's description on one line: its first sentence, at most about a
 // terminal line long.
 std::string summaryOf(const std::string& description) {
-  std::string line = trimmed(description.substr(0, description.find('\n')));
+  std::string line = trimmedCopy(description.substr(0, description.find('\n')));
   size_t stop = line.find(". ");
   if (stop != std::string::npos) line.erase(stop + 1);
   if (line.size() <= kSummaryBytes) return line;
@@ -37,7 +37,7 @@ std::vector<std::string> lastLines(const std::string& text, size_t count) {
   while (start <= text.size()) {
     size_t end = text.find('\n', start);
     if (end == std::string::npos) end = text.size();
-    std::string line = trimmed(std::string_view(text).substr(start, end - start));
+    std::string line = trimmedCopy(std::string_view(text).substr(start, end - start));
     if (!line.empty()) lines.push_back(std::move(line));
     start = end + 1;
   }
@@ -62,7 +62,7 @@ size_t decodedSize(const std::string& base64) {
   return (symbols + padding) / 4 * 3 - std::min<size_t>(padding, 2);
 }
 
-const std::string* stringMember(const Json& object, const char* key) {
+const std::string* stringField(const Json& object, const char* key) {
   auto it = object.find(key);
   return it != object.end() && it->is_string() ? &it->get_ref<const std::string&>() : nullptr;
 }
@@ -79,7 +79,7 @@ std::string ondrelFormatServerReports(const std::vector<McpServerReport>& server
       out += ": running, " + std::to_string(server.tools->size()) + (server.tools->size() == 1 ? " tool\n" : " tools\n");
       for (const auto& tool : *server.tools) {
         out += "  " + tool.value("name", std::string("tool"));
-        const std::string* description = stringMember(tool, "description");
+        const std::string* description = stringField(tool, "description");
         std::string summary = description ? summaryOf(*description) : "";
         out += summary.empty() ? "\n" : " — " + summary + "\n";
       }
@@ -101,7 +101,7 @@ McpCallOutput ondrelFormatToolResult(const Json& result) {
   McpCallOutput output;
   if (!result.is_object()) return output;
   if (auto it = result.find("isError"); it != result.end() && it->is_boolean() && it->get<bool>()) output.status = 1;
-  const std::string* text = stringMember(result, "text");
+  const std::string* text = stringField(result, "text");
   if (text && !text->empty()) {
     output.text = *text;
     if (output.text.back() != '\n') output.text += '\n';
@@ -110,8 +110,8 @@ McpCallOutput ondrelFormatToolResult(const Json& result) {
   }
   if (auto images = result.find("images"); images != result.end() && images->is_array()) {
     for (const auto& image : *images) {
-      const std::string* type = stringMember(image, "mimeType");
-      const std::string* data = stringMember(image, "data");
+      const std::string* type = stringField(image, "mimeType");
+      const std::string* data = stringField(image, "data");
       output.text += "[image: " + (type ? *type : std::string("image")) + ", " +
                      std::to_string(data ? decodedSize(*data) : 0) + " bytes]\n";
     }

@@ -5,14 +5,27 @@
 #include <deque>
 #include <mutex>
 
+#include "base/handoff.h"
+
 namespace {
 
 gboolean runOnce(gpointer data) {
+  markTakeOver(data);
   (*static_cast<std::function<void()>*>(data))();
   return G_SOURCE_REMOVE;
 }
 
-void destroy(gpointer data) { delete static_cast<std::function<void()>*>(data); }
+void destroy(gpointer data) {
+  markTakeOver(data);
+  delete static_cast<std::function<void()>*>(data);
+}
+
+// The function goes to whichever thread runs the source or the task.
+gpointer handedOff(std::function<void()> fn) {
+  auto* data = new std::function<void()>(std::move(fn));
+  markHandOff(data);
+  return data;
+}
 
 }  // namespace
 
@@ -105,7 +118,7 @@ uint64_t mainLoopTurn() {
 void runOnMainAfter(double seconds, std::function<void()> fn) {
   auto ms = static_cast<guint>(seconds * 1000.0 + 0.5);
   GSource* source = g_timeout_source_new(ms);
-  g_source_set_callback(source, runOnce, new std::function<void()>(std::move(fn)), destroy);
+  g_source_set_callback(source, runOnce, handedOff(std::move(fn)), destroy);
   g_source_attach(source, g_main_context_default());
   g_source_unref(source);
 }
@@ -129,7 +142,7 @@ class SourceTimer final : public MainTimer {
 std::shared_ptr<MainTimer> runOnMainAfterCancellable(double seconds, std::function<void()> fn) {
   auto ms = static_cast<guint>(seconds * 1000.0 + 0.5);
   GSource* source = g_timeout_source_new(ms);
-  g_source_set_callback(source, runOnce, new std::function<void()>(std::move(fn)), destroy);
+  g_source_set_callback(source, runOnce, handedOff(std::move(fn)), destroy);
   auto timer = std::make_shared<SourceTimer>(source);  // keeps its own reference
   g_source_attach(source, g_main_context_default());
   return timer;
@@ -137,9 +150,11 @@ std::shared_ptr<MainTimer> runOnMainAfterCancellable(double seconds, std::functi
 
 void runInBackground(std::function<void()> work) {
   g_autoptr(GTask) task = g_task_new(nullptr, nullptr, nullptr, nullptr);
-  g_task_set_task_data(task, new std::function<void()>(std::move(work)), destroy);
+  g_task_set_task_data(task, handedOff(std::move(work)), destroy);
   g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
+    markTakeOver(data);
     (*static_cast<std::function<void()>*>(data))();
+    markHandOff(data);
     g_task_return_boolean(task, TRUE);
   });
 }

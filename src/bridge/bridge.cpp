@@ -62,7 +62,7 @@ void Bridge::replyToJS(const Json& reqId, bool ok, const Json& value) {
 
 void Bridge::replyFromFileThread(const Json& reqId,
                                  std::function<std::vector<std::string>(const ReplyText& reply)> work) {
-  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>();
+  if (!fileThread_) fileThread_ = std::make_unique<SerialQueue>(SerialQueue::Priority::Background);
   fileThread_->async([reply = ReplyText(guard_, reqId), work = std::move(work),
                       alive = std::weak_ptr<Bridge*>(alive_)] {
     std::vector<std::string> scripts;

@@ -3,24 +3,9 @@
 #include <optional>
 #include <string>
 
+#include "bridge/action_args.h"
 #include "bridge/bridge.h"
 #include "mcp/client_mcp.h"
-
-namespace {
-
-// Positional arguments: an element of the wrong type counts as absent.
-const Json* argAt(const Json& args, size_t index) {
-  if (!args.is_array() || index >= args.size()) return nullptr;
-  return &args[index];
-}
-
-std::optional<std::string> stringArg(const Json& args, size_t index) {
-  const Json* value = argAt(args, index);
-  if (!value || !value->is_string()) return std::nullopt;
-  return value->get<std::string>();
-}
-
-}  // namespace
 
 void registerMcpActions(Bridge& bridge, ClientMcp& mcp) {
   // The bridge lives as long as the process, so the replies may hold it.

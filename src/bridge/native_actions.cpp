@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/files.h"
+#include "bridge/action_args.h"
 #include "bridge/agent_sounds.h"
 #include "bridge/bridge.h"
 #include "bridge/platform_info.h"
@@ -37,11 +38,6 @@ const char* const kTooLarge = "file too large to present (max 16 MB)";
 constexpr size_t kPieceBytes = 1 << 18;
 
 const Json kOk = Json{{"ok", true}};
-
-std::optional<std::string> stringArg(const Json& args, size_t index) {
-  if (index < args.size() && args[index].is_string()) return args[index].get<std::string>();
-  return std::nullopt;
-}
 
 std::optional<double> numberArg(const Json& args, size_t index) {
   if (index >= args.size()) return std::nullopt;

@@ -2,23 +2,42 @@
 
 #include <glib.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <mutex>
 #include <utility>
 
+#include "base/handoff.h"
+
 namespace {
+
+// Background work yields the processor to the main thread on a busy
+// machine, without starving when the machine is idle.
+constexpr int kBackgroundNice = 10;
 
 using Work = std::function<void()>;
 
-void runItem(gpointer item, gpointer) {
+void runItem(gpointer item, gpointer background) {
   // Left blocked afterwards: a SIGPIPE that a write raised stays pending on
   // the thread, and unblocking it would deliver it.
   sigset_t pipe;
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  if (background) {
+    // The pool's thread is its own (exclusive), so this lasts only as long
+    // as the queue. A lower priority cannot be raised again without
+    // privileges, which is why shared threads never get it.
+    static thread_local bool lowered = false;
+    if (!lowered) {
+      setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kBackgroundNice);  // on failure: normal priority
+      lowered = true;
+    }
+  }
   auto* work = static_cast<Work*>(item);
+  markTakeOver(work);
   try {
     (*work)();
   } catch (...) {
@@ -35,9 +54,10 @@ struct SerialQueue::State {
   GThreadPool* pool = nullptr;  // null once closed
 };
 
-SerialQueue::SerialQueue() : state_(std::make_shared<State>()) {
-  state_->pool = g_thread_pool_new_full(runItem, nullptr, [](gpointer item) { delete static_cast<Work*>(item); }, 1,
-                                        FALSE, nullptr);
+SerialQueue::SerialQueue(Priority priority) : state_(std::make_shared<State>()) {
+  const bool background = priority == Priority::Background;
+  state_->pool = g_thread_pool_new_full(runItem, background ? GINT_TO_POINTER(1) : nullptr,
+                                        [](gpointer item) { delete static_cast<Work*>(item); }, 1, background, nullptr);
 }
 
 SerialQueue::~SerialQueue() { close(); }
@@ -45,7 +65,9 @@ SerialQueue::~SerialQueue() { close(); }
 bool SerialQueue::async(std::function<void()> work) {
   std::lock_guard lock(state_->mutex);
   if (!state_->pool) return false;
-  return g_thread_pool_push(state_->pool, new Work(std::move(work)), nullptr);
+  auto* item = new Work(std::move(work));
+  markHandOff(item);
+  return g_thread_pool_push(state_->pool, item, nullptr);
 }
 
 void SerialQueue::close() {

@@ -11,7 +11,10 @@
 // process.
 class SerialQueue {
  public:
-  SerialQueue();
+  // Background: a thread of its own, at a lower priority than the main
+  // thread, for bulk work the window must not wait behind.
+  enum class Priority { Normal, Background };
+  explicit SerialQueue(Priority priority = Priority::Normal);
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;

@@ -4,8 +4,8 @@
 
 namespace {
 
-constexpr int kWidth = 380;
-constexpr int kHeight = 96;
+constexpr int kProgressWidth = 380;
+constexpr int kProgressHeight = 96;
 
 // The progress window, its label and its bar.
 struct ProgressWidgets {
@@ -17,7 +17,7 @@ struct ProgressWidgets {
 ProgressWidgets buildProgressWidgets() {
   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_title(GTK_WINDOW(window), "Ondrel Update");
-  gtk_window_set_default_size(GTK_WINDOW(window), kWidth, kHeight);
+  gtk_window_set_default_size(GTK_WINDOW(window), kProgressWidth, kProgressHeight);
   gtk_window_set_resizable(GTK_WINDOW(window), FALSE);
   gtk_window_set_deletable(GTK_WINDOW(window), FALSE);
   gtk_window_set_type_hint(GTK_WINDOW(window), GDK_WINDOW_TYPE_HINT_DIALOG);
@@ -27,17 +27,17 @@ ProgressWidgets buildProgressWidgets() {
   // Placed as on a bottom-left origin of 96 px: label at y 66 (18 high),
   // bar at y 36 (16 high).
   GtkWidget* content = gtk_fixed_new();
-  gtk_widget_set_size_request(content, kWidth, kHeight);
+  gtk_widget_set_size_request(content, kProgressWidth, kProgressHeight);
   GtkWidget* label = gtk_label_new("");
   gtk_label_set_xalign(GTK_LABEL(label), 0.0);
   gtk_label_set_ellipsize(GTK_LABEL(label), PANGO_ELLIPSIZE_END);
   gtk_widget_set_size_request(label, 340, 18);
-  gtk_fixed_put(GTK_FIXED(content), label, 20, kHeight - 66 - 18);
+  gtk_fixed_put(GTK_FIXED(content), label, 20, kProgressHeight - 66 - 18);
   GtkWidget* bar = gtk_progress_bar_new();
   gtk_progress_bar_set_pulse_step(GTK_PROGRESS_BAR(bar), 0.08);
   gtk_widget_set_size_request(bar, 340, 16);
   gtk_widget_set_valign(bar, GTK_ALIGN_CENTER);
-  gtk_fixed_put(GTK_FIXED(content), bar, 20, kHeight - 36 - 16);
+  gtk_fixed_put(GTK_FIXED(content), bar, 20, kProgressHeight - 36 - 16);
   gtk_container_add(GTK_CONTAINER(window), content);
   gtk_widget_show_all(content);
   return {window, label, bar};

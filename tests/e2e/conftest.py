@@ -1,4 +1,4 @@
-"""Shared fixtures: one X server and one web server per session, apps per test or module."""
+"""Shared fixtures: one X server and two web servers per session, apps per test or module."""
 
 from __future__ import annotations
 
@@ -36,7 +36,7 @@ def web() -> WebServer:
 
 @pytest.fixture(scope="session")
 def other_web() -> WebServer:
-    """The same pages from another origin (another port on 127.0.0.1)."""
+    """The same pages from another origin (another port)."""
     server = WebServer()
     yield server
     server.stop()
@@ -49,27 +49,23 @@ def map_watcher(xvfb) -> MapWatcher:
 
 @pytest.hookimpl(hookwrapper=True, tryfirst=True)
 def pytest_runtest_makereport(item, call):
-    outcome = yield
-    rep = outcome.get_result()
+    rep = (yield).get_result()
     setattr(item, "rep_" + rep.when, rep)
 
 
 def _failed(node) -> bool:
-    return any(getattr(getattr(node, "rep_" + when, None), "failed", False)
-               for when in ("setup", "call"))
+    return any(getattr(getattr(node, "rep_" + when, None), "failed", False) for when in ("setup", "call"))
 
 
 class Launcher:
-    """Starts apps with a fresh HOME each; ends every one of them at teardown."""
+    """launch(*args, config=..., config_text=..., language=..., env=..., binary=..., start=True, home=None)
+    starts an app with a fresh HOME, or again in `home` (a restart); every one is ended at teardown."""
 
     def __init__(self, screen: Screen, base: Path):
-        self.screen = screen
-        self.base = base
-        self.apps: list[App] = []
+        self.screen, self.base, self.apps = screen, base, []
         self._n = itertools.count()
 
     def __call__(self, *args: str, start: bool = True, home: Path | None = None, **kw) -> App:
-        """home: run in that HOME again (a restart) instead of a fresh one."""
         if home is None:
             home = self.base / f"home{next(self._n)}"
             home.mkdir(parents=True)
@@ -80,11 +76,8 @@ class Launcher:
     def close(self, failed: bool, label: str):
         if failed:
             shot = self.base / "failure.png"
-            try:
-                self.screen.save_screenshot(shot)
-                print(f"\n[e2e] screenshot at failure: {shot}")
-            except Exception as exc:  # the X server may be the thing that broke
-                print(f"\n[e2e] no screenshot: {exc}")
+            self.screen.screenshot().save(shot)
+            print(f"\n[e2e] screenshot at failure: {shot}")
             for app in self.apps:
                 print(f"[e2e] {label}: ondrel {app.args} status={app.proc and app.proc.poll()} log:")
                 print(app.log_text() or "(empty)")
@@ -94,7 +87,6 @@ class Launcher:
 
 @pytest.fixture
 def launch(screen, tmp_path, request):
-    """launch(*args, config=..., language=..., start=True, home=None) -> App, ended after the test."""
     launcher = Launcher(screen, tmp_path)
     yield launcher
     launcher.close(_failed(request.node), request.node.name)
@@ -102,21 +94,19 @@ def launch(screen, tmp_path, request):
 
 @pytest.fixture(scope="module")
 def module_launch(screen, tmp_path_factory, request):
-    """Like launch, but the apps live for the whole module (for tests that can share one)."""
+    """Like launch, but the apps live for the whole module."""
     launcher = Launcher(screen, tmp_path_factory.mktemp(request.module.__name__))
     yield launcher
-    failed = any(_failed(item) for item in request.session.items
-                 if item.module is request.module)
-    launcher.close(failed, request.module.__name__)
+    launcher.close(any(_failed(item) for item in request.session.items if item.module is request.module),
+                   request.module.__name__)
 
 
 @pytest.fixture(autouse=True)
 def _clean_input(screen):
-    """No test starts with a button still held or the pointer over a window from before."""
     yield
-    pointer = screen.root.query_pointer()
-    for button, mask in ((1, 0x100), (2, 0x200), (3, 0x400)):
-        if pointer.mask & mask:
+    mask = screen.root.query_pointer().mask
+    for button in (1, 2, 3):
+        if mask & (0x80 << button):
             screen.button_up(button)
     screen.park_pointer()
 

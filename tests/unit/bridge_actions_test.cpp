@@ -5,7 +5,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -25,18 +24,12 @@ TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
     std::string error;
   } cases[] = {
       {"setProjectDir", Json::array(), "setProjectDir expects [projectId, path]"},
-      {"setProjectDir", {"p"}, "setProjectDir expects [projectId, path]"},
       {"setProjectDir", {"p", 5}, "setProjectDir expects [projectId, path]"},
       {"setProjectDir", {5, "/x"}, "setProjectDir expects [projectId, path]"},
-      {"readFile", Json::array(), "readFile expects [path]"},
       {"readFile", {3}, "readFile expects [path]"},
       {"readFileBase64", {nullptr}, "readFileBase64 expects [path]"},
-      {"readFileBase64", Json::array(), "readFileBase64 expects [path]"},
-      {"writeFile", Json::array(), "writeFile expects [path, content]"},
       {"writeFile", {Json::object(), "text"}, "writeFile expects [path, content]"},
       {"ReadFile", {"/etc/hostname"}, "unknown native action 'ReadFile'"},
-      {"playsound", Json::array(), "unknown native action 'playsound'"},
-      {"", Json::array(), "unknown native action ''"},
       {nullptr, Json::array(), "unknown native action '(null)'"},
   };
   for (const auto& c : cases) {
@@ -52,14 +45,9 @@ TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
   EXPECT_TRUE(empty.ok);
   EXPECT_EQ(empty.value, Json::object()) << "an empty dictionary, not null";
 
-  for (const Json& args : {Json{"a", "/first"}, Json{"b", "~/not/expanded/../x"}, Json{"a", "/second"}}) {
-    Reply set = call("setProjectDir", args);
-    EXPECT_TRUE(set.ok);
-    EXPECT_EQ(set.value, kOk);
-  }
+  for (const Json& args : {Json{"a", "/first"}, Json{"b", "~/not/expanded/../x"}, Json{"a", "/second"}})
+    EXPECT_EQ(call("setProjectDir", args).value, kOk);
   const Json expected = {{"a", "/second"}, {"b", "~/not/expanded/../x"}};
-  EXPECT_EQ(call("setProjectDir", {"a"}).ok, false);
-  EXPECT_EQ(call("setProjectDir", {"c", 1}).ok, false);
   EXPECT_EQ(call("getProjectDirs", Json::array()).value, expected);
 
   FakeHost otherHost;
@@ -72,24 +60,17 @@ TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
   EXPECT_EQ((*file)["projectDirs"], expected);
 }
 
-TEST_F(BridgeTest, ReadFileGivesUtf8TextOrTheSystemsError) {
+TEST_F(BridgeTest, ReadFileRefusesWhatIsNotUtf8TextWithTheSystemsError) {
   const fs::path dir = home_.path() / "files";
-  const std::string text = "Grüße \"quoted\"\n\ttab \\ end\r\x01\x1f\x7f</script> 😀";
-  writeText(dir / "text.txt", text);
-  writeText(dir / "empty.txt", "");
   writeText(dir / "latin1.txt", "caf\xe9");
-  EXPECT_EQ(call("readFile", {(dir / "text.txt").string()}).value, text);
-  EXPECT_EQ(call("readFile", {(dir / "empty.txt").string()}).value, "");
-
-  // A device never ends and a FIFO without a writer would block the open:
-  // both are refused at once.
+  // A device never ends and a FIFO without a writer would block the open: both are refused at once.
   ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
   for (const fs::path& bad : {dir / "latin1.txt", dir / "missing.txt", dir, dir / "fifo", fs::path("/dev/zero")}) {
     Reply reply = call("readFile", {bad.string()});
     EXPECT_FALSE(reply.ok) << bad;
-    ASSERT_TRUE(reply.value.is_string()) << bad;
-    EXPECT_NE(reply.value.get<std::string>().find(bad.string()), std::string::npos) << reply.value;
+    EXPECT_NE(reply.value.dump().find(bad.string()), std::string::npos) << reply.value;
   }
+  EXPECT_EQ(call("readFileBase64", {(dir / "missing.txt").string()}).ok, false);
 }
 
 TEST_F(BridgeTest, ReadsAcceptExactlySixteenMebibytes) {
@@ -99,18 +80,12 @@ TEST_F(BridgeTest, ReadsAcceptExactlySixteenMebibytes) {
   std::ofstream(file, std::ios::binary) << bytes;
 
   Reply text = call("readFile", {file.string()});
-  ASSERT_TRUE(text.ok);
-  EXPECT_TRUE(text.value == bytes) << "the text, unchanged";
-
+  EXPECT_TRUE(text.ok && text.value == bytes) << "the text, unchanged";
   Reply base64 = call("readFileBase64", {file.string()});
-  ASSERT_TRUE(base64.ok);
-  ASSERT_TRUE(base64.value.is_string());
-  const std::string& encoded = base64.value.get_ref<const std::string&>();
-  EXPECT_EQ(encoded.size(), (bytes.size() + 2) / 3 * 4);
-  EXPECT_EQ(encoded.find_first_of("\r\n"), std::string::npos);
+  ASSERT_TRUE(base64.ok && base64.value.is_string());
   gsize decodedSize = 0;
-  guchar* decoded = g_base64_decode(encoded.c_str(), &decodedSize);
-  EXPECT_TRUE(decodedSize == bytes.size() && std::memcmp(decoded, bytes.data(), bytes.size()) == 0);
+  guchar* decoded = g_base64_decode(base64.value.get_ref<const std::string&>().c_str(), &decodedSize);
+  EXPECT_TRUE(std::string_view(reinterpret_cast<char*>(decoded), decodedSize) == bytes);
   g_free(decoded);
 
   std::ofstream(file, std::ios::binary | std::ios::app) << 'x';
@@ -123,15 +98,18 @@ TEST_F(BridgeTest, ReadsAcceptExactlySixteenMebibytes) {
 
 TEST_F(BridgeTest, FileActionsRunAndReplyInTheOrderAsked) {
   // Work off the main thread must not let a read overtake the write before it.
-  const std::string path = (home_.path() / "order/file.txt").string();
+  // Writes make the folders, replace the whole file, and write nothing for
+  // missing or non-text content.
+  const std::string path = (home_.path() / "a/b/file.txt").string();
+  const std::string text = "Grüße \"quoted\"\n\ttab \\ end\r\x01\x1f\x7f</script> 😀";
   const Json requests[][2] = {
-      {"writeFile", {path, "one"}}, {"readFile", {path}},           {"writeFile", {path, "two"}},
-      {"readFile", {path}},         {"readFileBase64", {path}},     {"writeFile", {path}},
-      {"readFile", {path}},
+      {"writeFile", {path, text}}, {"readFile", {path}},       {"writeFile", {path, "tw"}},
+      {"readFile", {path}},        {"readFileBase64", {path}}, {"writeFile", {path}},
+      {"readFile", {path}},        {"writeFile", {path, 42}},  {"readFileBase64", {path}},
   };
-  const Json values[] = {kOk, "one", kOk, "two", "dHdv", kOk, ""};
+  const Json values[] = {kOk, text, kOk, "tw", "dHc=", kOk, "", kOk, ""};
   for (size_t i = 0; i < std::size(requests); ++i) bridge_.handleNativeAction(i, requests[i][0], requests[i][1]);
-  iterateMainContextUntil([&] { return host_.scripts.size() >= std::size(requests); });
+  pumpUntil([&] { return host_.scripts.size() >= std::size(requests); });
   ASSERT_EQ(host_.scripts.size(), std::size(requests));
   for (size_t i = 0; i < std::size(requests); ++i) {
     auto reply = parseReply(host_.scripts[i]);
@@ -142,39 +120,7 @@ TEST_F(BridgeTest, FileActionsRunAndReplyInTheOrderAsked) {
   }
 }
 
-TEST_F(BridgeTest, ReadFileBase64EncodesSmallFilesAndReportsErrors) {
-  const struct {
-    std::string content, base64;
-  } cases[] = {{"", ""}, {"h", "aA=="}, {"hello", "aGVsbG8="}, {std::string("\0\xff\xfe", 3), "AP/+"}};
-  for (const auto& c : cases) {
-    writeText(home_.path() / "f.bin", c.content);
-    Reply reply = call("readFileBase64", {(home_.path() / "f.bin").string()});
-    EXPECT_TRUE(reply.ok);
-    EXPECT_EQ(reply.value, c.base64);
-  }
-  const std::string missing = (home_.path() / "gone.bin").string();
-  Reply reply = call("readFileBase64", {missing});
-  EXPECT_FALSE(reply.ok);
-  EXPECT_NE(reply.value.get<std::string>().find(missing), std::string::npos) << reply.value;
-}
-
-TEST_F(BridgeTest, WriteFileCreatesFoldersAndWritesEmptyFilesForMissingContent) {
-  const fs::path nested = home_.path() / "a/b/c/out.txt";
-  EXPECT_EQ(call("writeFile", {nested.string(), "Grüße\n"}).value, kOk);
-  EXPECT_EQ(readText(nested), "Grüße\n");
-  EXPECT_EQ(call("writeFile", {nested.string(), "shorter"}).value, kOk);
-  EXPECT_EQ(readText(nested), "shorter");
-
-  for (const Json& args :
-       {Json{(home_.path() / "x/only-path.txt").string()}, Json{(home_.path() / "x/number.txt").string(), 42}}) {
-    Reply reply = call("writeFile", args);
-    EXPECT_TRUE(reply.ok);
-    EXPECT_EQ(reply.value, kOk);
-    EXPECT_TRUE(fs::is_regular_file(args[0].get<std::string>())) << args;
-    EXPECT_EQ(fs::file_size(args[0].get<std::string>()), 0u) << args;
-  }
-
-  // A bare name lands in the working directory.
+TEST_F(BridgeTest, WriteFileTakesBareNamesFromTheWorkingDirectoryAndReportsErrors) {
   const fs::path saved = fs::current_path();
   fs::current_path(home_.path());
   EXPECT_TRUE(call("writeFile", {"bare.txt", "here"}).ok);
@@ -182,10 +128,9 @@ TEST_F(BridgeTest, WriteFileCreatesFoldersAndWritesEmptyFilesForMissingContent) 
   EXPECT_EQ(readText(home_.path() / "bare.txt"), "here");
 
   writeText(home_.path() / "plain", "a file, not a folder");
-  for (const fs::path& bad : {home_.path() / "plain/inside.txt", home_.path() / "a/b"}) {
+  for (const fs::path& bad : {home_.path() / "plain/inside.txt", home_.path()}) {
     Reply reply = call("writeFile", {bad.string(), "x"});
-    EXPECT_FALSE(reply.ok) << bad;
-    EXPECT_TRUE(reply.value.is_string() && !reply.value.get<std::string>().empty()) << reply.value;
+    EXPECT_TRUE(!reply.ok && reply.value.is_string() && reply.value != "") << bad << reply.value;
   }
 }
 
@@ -226,35 +171,27 @@ TEST_F(BridgeTest, ScrimColourFollowsTheFourNumbers) {
   };
   for (const auto& c : cases) {
     host_.scrims.clear();
-    Reply reply = call("setChromeScrim", c.args);
-    EXPECT_TRUE(reply.ok);
-    EXPECT_EQ(reply.value, kOk);
+    EXPECT_EQ(call("setChromeScrim", c.args).value, kOk);
     ASSERT_EQ(host_.scrims.size(), 1u) << c.args;
     const auto& got = host_.scrims[0];
     ASSERT_EQ(got.has_value(), c.color.has_value()) << c.args;
-    if (!got) continue;
-    EXPECT_DOUBLE_EQ(got->r, c.color->r) << c.args;
-    EXPECT_DOUBLE_EQ(got->g, c.color->g) << c.args;
-    EXPECT_DOUBLE_EQ(got->b, c.color->b) << c.args;
-    EXPECT_DOUBLE_EQ(got->a, c.color->a) << c.args;
+    if (got) {
+      const auto& want = *c.color;
+      EXPECT_TRUE(got->r == want.r && got->g == want.g && got->b == want.b && got->a == want.a) << c.args;
+    }
   }
 }
 
 TEST_F(BridgeTest, PlaySoundAnswersAtOnceAndSynthesisesEachChimeOnce) {
-  for (const Json& args : {Json::array(), Json{7}, Json{"Complete"}, Json{"beep"}, Json{"error"}}) {
-    Reply reply = call("playSound", args);
-    EXPECT_TRUE(reply.ok);
-    EXPECT_EQ(reply.value, kOk);
-  }
+  for (const Json& args : {Json::array(), Json{7}, Json{"Complete"}, Json{"beep"}, Json{"error"}})
+    EXPECT_EQ(call("playSound", args).value, kOk);
   ASSERT_EQ(played_.size(), 3u) << "no name and a non-string name play \"complete\"; others are ignored";
   EXPECT_EQ(played_[0], played_[1]);
   EXPECT_NE(played_[0], played_[2]);
   const std::pair<std::string, std::string> files[] = {{played_[0], "complete"}, {played_[2], "error"}};
   for (const auto& [path, name] : files) {
     EXPECT_EQ(fs::path(path).parent_path(), fs::path(g_get_tmp_dir()));
-    EXPECT_TRUE(std::regex_match(fs::path(path).filename().string(),
-                                 std::regex(R"(ondrel-agent-[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}\.wav)")))
-        << path;
+    EXPECT_EQ(fs::path(path).filename().string().rfind("ondrel-agent-", 0), 0u) << path;
     EXPECT_EQ(readText(path), ondrelSynthesizeTones(agentSoundTable(name)).value_or("")) << name;
     fs::remove(path);
   }
@@ -285,8 +222,7 @@ TEST_F(BridgeTest, PickDirectoryRepliesWhenTheChooserCloses) {
     host_.pickDone(c.chosen);
     ASSERT_EQ(host_.scripts.size(), 1u);
     auto reply = parseReply(host_.scripts[0]);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->id, "9");
+    ASSERT_TRUE(reply && reply->id == "9");
     EXPECT_TRUE(reply->ok) << "cancelling is not an error";
     EXPECT_EQ(reply->value, c.value);
   }

@@ -6,15 +6,15 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "bridge/bridge.h"
-#include "log_capture.h"
 #include "home_override.h"
+#include "log_capture.h"
+#include "main_loop.h"
 #include "test_files.h"
 
 class FakeHost : public BridgeHost {
@@ -87,33 +87,21 @@ inline std::optional<Reply> parseReply(const std::string& guarded) {
   return Reply{inner.substr(0, flag), inner[flag + 3] == '1', *value};
 }
 
-// Lets due main-loop work run until done() holds; the deadline only keeps a
-// broken build from hanging the suite.
-inline void iterateMainContextUntil(const std::function<bool()>& done, double seconds = 30) {
-  const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(seconds * G_USEC_PER_SEC);
-  while (!done() && g_get_monotonic_time() < deadline) {
-    if (!g_main_context_iteration(nullptr, FALSE)) g_usleep(1000);
-  }
-}
-
 // A long reply comes as pieces and a last script that joins them; this reads
 // them the way the page does, or nullopt if the last does not count exactly
 // the pieces given, all of one reply.
 inline const std::string kPieceHead = "(function (s) { (s['";
 
-inline bool isPiece(const std::string& script) {
-  const auto inside = unguarded(script);
-  return inside && inside->rfind(kPieceHead, 0) == 0;
-}
+inline bool isPiece(const std::string& script) { return unguarded(script).value_or("").rfind(kPieceHead, 0) == 0; }
 
 inline std::optional<Reply> parseReplyInPieces(const std::vector<std::string>& scripts) {
   if (scripts.size() < 3) return std::nullopt;
-  const std::string& storeHead = kPieceHead;
   std::string key, joined;
   for (size_t i = 0; i + 1 < scripts.size(); ++i) {
     const auto inside = unguarded(scripts[i]);
-    if (!inside || inside->rfind(storeHead, 0) != 0) return std::nullopt;
-    const std::string pieceKey = inside->substr(storeHead.size(), inside->find('\'', storeHead.size()) - storeHead.size());
+    if (!inside || !isPiece(scripts[i])) return std::nullopt;
+    const size_t keyEnd = inside->find('\'', kPieceHead.size());
+    const std::string pieceKey = inside->substr(kPieceHead.size(), keyEnd - kPieceHead.size());
     if (i > 0 && pieceKey != key) return std::nullopt;
     key = pieceKey;
     const size_t open = inside->find(".push(") + 6, close = inside->rfind("); })(");
@@ -135,9 +123,7 @@ inline std::optional<Reply> parseReplyInPieces(const std::vector<std::string>& s
 // gives each test a fresh log.
 class BridgeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    LogCapture::instance().clear();
-  }
+  void SetUp() override { LogCapture::instance().clear(); }
   void TearDown() override {
     std::error_code ignored;
     for (const auto& path : played_) std::filesystem::remove(path, ignored);
@@ -149,9 +135,7 @@ class BridgeTest : public ::testing::Test {
   Reply call(const Json& name, const Json& args) {
     const size_t before = host_.scripts.size();
     bridge_.handleNativeAction("r", name, args);
-    iterateMainContextUntil([&] {
-      return host_.scripts.size() > before && !isPiece(host_.scripts.back());
-    });
+    pumpUntil([&] { return host_.scripts.size() > before && !isPiece(host_.scripts.back()); }, 30);
     const std::vector<std::string> made(host_.scripts.begin() + before, host_.scripts.end());
     auto reply = made.size() == 1 ? parseReply(made[0]) : parseReplyInPieces(made);
     EXPECT_TRUE(reply && reply->id == "r") << name << args << " made " << made.size() << " scripts";

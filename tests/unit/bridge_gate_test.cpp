@@ -44,9 +44,7 @@ TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
 }
 
 TEST(BridgeGate, EachGateHasItsOwnKeyAndOnlyTheTopFrameScriptHoldsIt) {
-  const BridgeGate a(kOrigin), b(kOrigin);
-  const std::string aScript = a.topFrameScript(""), bScript = b.topFrameScript("");
-  EXPECT_NE(aScript, bScript);
+  EXPECT_NE(BridgeGate(kOrigin).topFrameScript(""), BridgeGate(kOrigin).topFrameScript(""));
   const BridgeGate known(kOrigin, kKey);
   EXPECT_NE(known.topFrameScript("").find(kKey), std::string::npos);
   EXPECT_EQ(known.otherFrameScript().find(kKey), std::string::npos);

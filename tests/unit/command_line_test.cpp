@@ -32,19 +32,14 @@ TEST(CommandLine, AnswersWithoutAWindowOrLeavesItToTheWindow) {
       {{"mcp", "list", "fs"}, 2, "", "ondrel mcp: list takes no arguments\n"},
       {{"mcp", "call", "fs"}, 2, "", "ondrel mcp: call takes SERVER TOOL [JSON-ARGS]\n"},
       {{"mcp", "call", "fs", "read", "[\"/tmp\"]"}, 2, "", "ondrel mcp: JSON-ARGS must be a JSON object"},
-      {{"mcp", "call", "fs", "read", "{}", "more"}, 2, "", "ondrel mcp: call takes SERVER TOOL [JSON-ARGS]\n"},
   };
   for (const auto& c : cases) {
     std::ostringstream out, err;
     EXPECT_EQ(ondrelRunCommandLine(c.args, out, err), c.status) << testing::PrintToString(c.args);
     EXPECT_EQ(out.str().substr(0, c.outStart.size()), c.outStart) << testing::PrintToString(c.args);
-    if (!c.status) {
-      EXPECT_EQ(out.str(), "");
-    }
     EXPECT_EQ(err.str().substr(0, c.errStart.size()), c.errStart) << testing::PrintToString(c.args);
-    if (c.errStart.empty()) {
-      EXPECT_EQ(err.str(), "");
-    }
+    EXPECT_TRUE(!c.errStart.empty() || err.str().empty()) << err.str();
+    EXPECT_TRUE(c.status || out.str().empty()) << out.str();
   }
 }
 

@@ -2,8 +2,7 @@
 
 // A one-thread HTTP/1.1 server on 127.0.0.1 for tests: each path answers
 // with a fixed status and body, with or without a Content-Length, and
-// optionally a Location. It keeps the request heads so tests can check
-// what was sent.
+// optionally a Location. It keeps the request heads it got.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -28,13 +27,10 @@ class HttpTestServer {
   };
 
   HttpTestServer() {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    listen(fd_, 16);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof addr;
+    bind(fd_, reinterpret_cast<sockaddr*>(&addr), len);
+    listen(fd_, 16);
     getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
     port_ = ntohs(addr.sin_port);
     thread_ = std::thread([this] { serve(); });
@@ -59,38 +55,31 @@ class HttpTestServer {
   void serve() {
     while (!stop_) {
       pollfd p{fd_, POLLIN, 0};
-      if (poll(&p, 1, 50) <= 0) continue;
-      int client = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+      int client = poll(&p, 1, 50) > 0 ? accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
       if (client < 0) continue;
       std::string head;
       char buf[4096];
-      while (head.find("\r\n\r\n") == std::string::npos) {
-        ssize_t n = read(client, buf, sizeof buf);
-        if (n <= 0) break;
+      for (ssize_t n; head.find("\r\n\r\n") == std::string::npos && (n = read(client, buf, sizeof buf)) > 0;)
         head.append(buf, static_cast<size_t>(n));
-      }
-      std::string path = head.substr(head.find(' ') + 1);
-      path = path.substr(0, path.find(' '));
+      const size_t start = head.find(' ') + 1;
       Reply reply{404, "<html>no such page</html>"};
       {
         std::lock_guard lock(mutex_);
         requests_.push_back(head);
-        if (auto it = routes_.find(path); it != routes_.end()) reply = it->second;
+        if (auto it = routes_.find(head.substr(start, head.find(' ', start) - start)); it != routes_.end())
+          reply = it->second;
       }
       std::string out = "HTTP/1.1 " + std::to_string(reply.status) + " X\r\nConnection: close\r\n";
       if (!reply.location.empty()) out += "Location: " + reply.location + "\r\n";
       if (reply.sendLength) out += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
       out += "\r\n" + reply.body;
-      for (size_t sent = 0; sent < out.size();) {
-        ssize_t n = send(client, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) break;
-        sent += static_cast<size_t>(n);
-      }
+      for (ssize_t sent = 0, n = 0; sent < static_cast<ssize_t>(out.size()); sent += n)
+        if ((n = send(client, out.data() + sent, out.size() - sent, MSG_NOSIGNAL)) <= 0) break;
       close(client);
     }
   }
 
-  int fd_ = -1;
+  int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int port_ = 0;
   std::atomic<bool> stop_{false};
   mutable std::mutex mutex_;

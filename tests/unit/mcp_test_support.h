@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -12,22 +13,20 @@
 #include <vector>
 
 #include "base/json.h"
-#include "mcp/mcp_task.h"
 #include "home_override.h"
 #include "log_capture.h"
 #include "main_loop.h"
+#include "mcp/mcp_task.h"
+#include "mcp/shell_path.h"
 #include "test_files.h"
 
-// The fake server speaks newline-delimited JSON-RPC. It answers initialize
-// and tools/list (the tool list, error answers and a delay before it starts
-// reading come from its first argument, a JSON object of options), and runs tools/call's "script" argument step by step:
-//   {"raw": text}        writes text as is; "{ID}" becomes the request id
-//   {"respond": result}  answers the call with this result
-//   {"error": object}    answers the call with this error
-//   {"sleep": seconds}   waits
-//   {"stderr": text}     writes to standard error
-//   {"exit": code}       ends the process at once
-// A call without a script answers with its arguments as text. Every line it
+// Newline-delimited JSON-RPC. Its first argument, a JSON object, sets the
+// tool list and error answers of initialize and tools/list, and a delay
+// before it starts reading. tools/call runs the "script" argument:
+//   {"raw": text} written as is, "{ID}" replaced by the request id;
+//   {"respond": result}, {"error": object}, {"sleep": seconds},
+//   {"stderr": text}, {"exit": code}.
+// A call without a script answers with its params as text. Every line it
 // receives is appended to $FAKE_LOG.
 inline constexpr const char* kFakeServerPy = R"PY(#!/usr/bin/python3
 import json, os, sys, time
@@ -37,11 +36,7 @@ def out(text):
     sys.stdout.write(text)
     sys.stdout.flush()
 def reply(id, **kw):
-    msg = {"jsonrpc": "2.0", "id": id}
-    msg.update(kw)
-    out(json.dumps(msg) + "\n")
-for text in opts.get("onStart", []):
-    out(text)
+    out(json.dumps(dict(jsonrpc="2.0", id=id, **kw)) + "\n")
 time.sleep(opts.get("startDelay", 0))
 while True:
     line = sys.stdin.readline()
@@ -73,8 +68,7 @@ while True:
         script = args.get("script") if isinstance(args, dict) else None
         if script is None:
             reply(id, result={"content": [{"type": "text", "text": json.dumps(msg.get("params"))}]})
-            continue
-        for step in script:
+        for step in script or []:
             if "raw" in step:
                 out(step["raw"].replace("{ID}", str(id)))
             elif "respond" in step:
@@ -88,8 +82,6 @@ while True:
                 sys.stderr.flush()
             elif "exit" in step:
                 os._exit(step["exit"])
-    else:
-        reply(id, error={"code": -32601, "message": "Method not found"})
 )PY";
 
 inline std::string writeExecutable(const std::filesystem::path& file, const std::string& text) {
@@ -98,50 +90,62 @@ inline std::string writeExecutable(const std::filesystem::path& file, const std:
   return file.string();
 }
 
-// Points HOME at a fresh directory for the test's lifetime and clears the
-// captured log.
+// A fresh HOME and log for each test, fake servers, and requests whose answers are collected.
 class HomeFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    LogCapture::instance().clear();
-  }
+  void SetUp() override { LogCapture::instance().clear(); }
   void TearDown() override {
+    for (auto& task : tasks_) task->stop();
     if (HasFailure())
       for (const auto& line : LogCapture::instance().lines()) std::fprintf(stderr, "  log: %s\n", line.c_str());
   }
 
   const std::filesystem::path& home() const { return home_.path(); }
-  // What the test's servers share, as a registry's would.
-  std::shared_ptr<McpServerContext> context_ = std::make_shared<McpServerContext>();
   std::filesystem::path configPath() const { return home_.path() / ".config/ondrel/config.json"; }
   std::string fakeServer() { return writeExecutable(home_.path() / "fake_server.py", kFakeServerPy); }
-
   static bool logged(const std::string& line) {
-    for (const auto& l : LogCapture::instance().lines())
-      if (l == line) return true;
-    return false;
+    const auto lines = LogCapture::instance().lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
   }
-  static size_t loggedCount(const std::string& line) {
+
+  std::shared_ptr<McpTask> startFake(const std::string& name = "fake", const Json& opts = Json::object(),
+                                     McpTask::Limits limits = {}) {
+    auto task = McpTask::create(context_, name, fakeServer(), {opts.dump()}, {{"FAKE_LOG", serverLog().string()}});
+    task->setLimits(limits);
+    task->start();
+    tasks_.push_back(task);
+    return task;
+  }
+  std::filesystem::path serverLog() const { return home() / "received.jsonl"; }
+  std::vector<Json> received() const {
+    std::vector<Json> result;
+    for (const auto& line : ondrelSplit(readText(serverLog()), '\n'))
+      if (auto parsed = parseJson(line)) result.push_back(*parsed);
+    return result;
+  }
+  size_t receivedCount(const std::string& method) const {
     size_t n = 0;
-    for (const auto& l : LogCapture::instance().lines())
-      if (l == line) ++n;
+    for (const auto& m : received()) n += m.value("method", "") == method;
     return n;
   }
+
+  // A tools/call whose answer is the script's output.
+  static Json scripted(const Json& steps) { return Json{{"name", "t"}, {"arguments", {{"script", steps}}}}; }
+  struct Outcome {
+    std::vector<Json> responses;
+    bool done() const { return !responses.empty(); }
+  };
+  std::shared_ptr<Outcome> request(McpTask& task, const Json& params, double timeout = 10,
+                                   const std::string& method = "tools/call") {
+    auto outcome = std::make_shared<Outcome>();
+    task.sendRequest(method, params, timeout, [outcome](const Json& r) { outcome->responses.push_back(r); });
+    return outcome;
+  }
+
+  // What the test's servers share, as a registry's would.
+  std::shared_ptr<McpServerContext> context_ = std::make_shared<McpServerContext>();
+  std::vector<std::shared_ptr<McpTask>> tasks_;
 
  private:
   HomeOverride home_;
 };
-
-// Lines of a file that a fake server appends to, parsed.
-inline std::vector<Json> readJsonLines(const std::filesystem::path& file) {
-  std::vector<Json> result;
-  std::string text = readText(file);
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    if (auto parsed = parseJson(std::string_view(text).substr(start, end - start))) result.push_back(*parsed);
-    start = end + 1;
-  }
-  return result;
-}

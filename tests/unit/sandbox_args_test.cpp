@@ -1,6 +1,9 @@
 #include "bridge/sandbox_args.h"
 
+#include "bridge/protected_paths.h"
+
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -10,108 +13,69 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-// Index of the first "--bind"/"--ro-bind" whose destination is dest.
-long mountIndex(const Args& args, const std::string& kind, const std::string& dest) {
-  for (size_t i = 0; i + 2 < args.size(); ++i)
-    if (args[i] == kind && args[i + 2] == dest) return static_cast<long>(i);
-  return -1;
+// Where `items` first appears as a run inside args, or -1.
+long position(const Args& args, const Args& items) {
+  auto at = std::search(args.begin(), args.end(), items.begin(), items.end());
+  return at == args.end() ? -1 : static_cast<long>(at - args.begin());
 }
 
-long lastWritableBind(const Args& args) {
-  long last = -1;
-  for (size_t i = 0; i < args.size(); ++i)
-    if (args[i] == "--bind") last = static_cast<long>(i);
-  return last;
-}
-
-TEST(SandboxArgs, FullListKeepsTheDocumentedOrder) {
-  SandboxPaths paths{.home = "/home/u", .workDir = "/home/u/project", .tmpDir = std::string("/home/u/tmp"),
-                     .readOnly = {"/home/u/.bashrc", "/opt/A.AppDir"},
-                     .doors = {{"/run/user/1/bus"}, {"/tmp/.X11-unix"}},
-                     .network = false};
-  Args expected = {"/usr/bin/bwrap",
-                   "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
-                   "--bind", "/home/u", "/home/u",
-                   "--bind", "/tmp", "/tmp", "--bind", "/var/tmp", "/var/tmp",
-                   "--bind", "/home/u/tmp", "/home/u/tmp",
-                   "--bind", "/home/u/project", "/home/u/project",
-                   "--ro-bind", "/home/u/.ssh", "/home/u/.ssh",
-                   "--ro-bind", "/home/u/.gnupg", "/home/u/.gnupg",
-                   "--ro-bind", "/home/u/.bashrc", "/home/u/.bashrc",
-                   "--ro-bind", "/opt/A.AppDir", "/opt/A.AppDir",
-                   "--ro-bind", "/dev/null", "/run/user/1/bus",
-                   "--tmpfs", "/tmp/.X11-unix", "--remount-ro", "/tmp/.X11-unix",
-                   "--unsetenv", "DBUS_SESSION_BUS_ADDRESS", "--unsetenv", "DISPLAY", "--unsetenv", "WAYLAND_DISPLAY",
-                   "--unsetenv", "WAYLAND_SOCKET", "--unsetenv", "XAUTHORITY", "--unsetenv", "AT_SPI_BUS_ADDRESS",
-                   "--ro-bind", "/proc/sys", "/proc/sys",
-                   "--unshare-user", "--disable-userns", "--cap-drop", "ALL", "--new-session", "--die-with-parent",
-                   "--unshare-net",
-                   "--chdir", "/home/u/project", "--", "/bin/bash", "-lc", "make 'a b' && echo \"$HOME\""};
-  EXPECT_EQ(buildSandboxArgs(paths, "make 'a b' && echo \"$HOME\""), expected);
-
-  // The status descriptor is an option of bubblewrap, never of the command.
-  Args withStatus = buildSandboxArgs(paths, "true", 3);
-  auto dashes = std::find(withStatus.begin(), withStatus.end(), "--");
-  auto status = std::find(withStatus.begin(), withStatus.end(), "--json-status-fd");
-  ASSERT_NE(status, withStatus.end());
-  EXPECT_LT(status, dashes);
-  EXPECT_EQ(*(status + 1), "3");
-  EXPECT_EQ(std::find(expected.begin(), expected.end(), "--json-status-fd"), expected.end());
-  EXPECT_EQ(Args(dashes, withStatus.end()), (Args{"--", "/bin/bash", "-lc", "true"}));
-}
-
-TEST(SandboxArgs, ProtectedFoldersAreMountedAfterEveryWritablePlace) {
-  // Working directories and TMPDIRs inside, equal to, or above the protected
-  // folders: the read-only mounts must still come last to cover them.
-  const std::pair<std::string, std::string> cases[] = {
-      {"/home/u/.ssh", "/home/u"},         {"/home/u/.ssh/sub", "/tmp/x"}, {"/home/u/.gnupg", "/"},
-      {"/", "/home/u/.gnupg/private"},     {"/home", "/home"},              {"/home/u", "/var/tmp"},
-      {"/proc", "/proc/sys/kernel"},
+TEST(SandboxArgs, ReadOnlyMountsComeAfterEveryWritablePlaceWhereverThatIs) {
+  // TMPDIRs and working directories inside, equal to or above the protected
+  // folders: later mounts cover earlier ones, so the read-only ones must be last.
+  const struct {
+    std::string work;
+    std::optional<std::string> tmp;
+    bool tmpKept;
+  } cases[] = {
+      {"/home/u/.ssh", std::string("/home/u"), true},  {"/home/u/.ssh/sub", std::string("/tmp/x"), true},
+      {"/home/u/.gnupg", std::string("/"), false},     {"/", std::string("/home/u/.gnupg/private"), false},
+      {"/home", std::string("/home/u/.ssh"), false},   {"/proc", std::string("/proc/sys/kernel"), true},
+      {"/w", std::string(""), false},                  {"/w", std::nullopt, false},
+      {"/w", std::string("/home/u/.sshx"), true},      {"/w", std::string("/home/u/.gnupg2/t"), true},
   };
-  for (const auto& [work, tmp] : cases) {
-    Args args = buildSandboxArgs({.home = "/home/u", .workDir = work, .tmpDir = tmp, .readOnly = {"/home/u/.config/ondrel"}},
-                                 "true");
-    long settings = mountIndex(args, "--ro-bind", "/home/u/.config/ondrel");
-    long ssh = mountIndex(args, "--ro-bind", "/home/u/.ssh");
-    long gnupg = mountIndex(args, "--ro-bind", "/home/u/.gnupg");
-    long sysctl = mountIndex(args, "--ro-bind", "/proc/sys");
-    ASSERT_GE(ssh, 0) << work;
-    ASSERT_GE(gnupg, 0) << work;
-    ASSERT_GE(sysctl, 0) << work;
-    ASSERT_GE(settings, 0) << work;
-    for (long protectedMount : {ssh, gnupg, settings, sysctl})
-      EXPECT_GT(protectedMount, lastWritableBind(args)) << work << " " << tmp;
-    EXPECT_EQ(mountIndex(args, "--ro-bind", "/"), 1) << "the read-only root comes first";
-    EXPECT_GE(mountIndex(args, "--bind", work), 0) << "the working directory is always writable";
-  }
-}
-
-TEST(SandboxArgs, TmpDirIsLeftOutWhenItWouldOpenTooMuch) {
-  const std::pair<std::optional<std::string>, bool> cases[] = {
-      {std::nullopt, false},
-      {std::string("/"), false},
-      {std::string(""), false},
-      {std::string("/home/u/.ssh"), false},
-      {std::string("/home/u/.ssh/agent"), false},
-      {std::string("/home/u/.gnupg"), false},
-      {std::string("/home/u/.sshx"), true},  // a sibling that merely shares the prefix
-      {std::string("/home/u/.gnupg2/t"), true},
-      {std::string("/home/u"), true},  // above the protected folders: they are mounted over it
-      {std::string("/run/user/1000"), true},
-  };
-  for (const auto& [tmp, kept] : cases) {
-    Args args = buildSandboxArgs({.home = "/home/u", .workDir = "/work", .tmpDir = tmp}, "true");
-    // Count the writable binds that are not the fixed ones.
-    long extra = 0;
-    for (size_t i = 0; i + 2 < args.size(); ++i)
-      if (args[i] == "--bind" && tmp && args[i + 1] == *tmp && args[i + 2] == *tmp) ++extra;
-    // "/home/u" appears once for the home folder anyway.
-    long expected = (kept ? 1 : 0) + (tmp && *tmp == "/home/u" ? 1 : 0);
-    EXPECT_EQ(extra, expected) << (tmp ? *tmp : "(unset)");
-    if (tmp) {
-      EXPECT_EQ(tmpDirIsUsable(*tmp, "/home/u"), kept) << *tmp;
+  for (const auto& c : cases) {
+    SandboxPaths paths{.home = "/home/u", .workDir = c.work, .tmpDir = c.tmp, .readOnly = {"/home/u/.config/ondrel"},
+                       .doors = {{"/run/user/1/bus"}, {"/tmp/.X11-unix"}}};
+    Args args = buildSandboxArgs(paths, "true");
+    const std::string what = c.work + " " + c.tmp.value_or("(unset)");
+    EXPECT_EQ(position(args, {"--ro-bind", "/", "/"}), 1) << what;
+    EXPECT_GE(position(args, {"--bind", c.work, c.work}), 0) << what;
+    if (c.tmp) {
+      EXPECT_EQ(tmpDirIsUsable(*c.tmp, "/home/u"), c.tmpKept) << what;
+      if (*c.tmp != "/home/u") {  // bound anyway as the home folder
+        EXPECT_EQ(position(args, {"--bind", *c.tmp, *c.tmp}) >= 0, c.tmpKept) << what;
+      }
     }
+
+    long lastBind = -1;
+    for (size_t i = 0; i < args.size(); ++i)
+      if (args[i] == "--bind") lastBind = static_cast<long>(i);
+    const Args covered[] = {{"--ro-bind", "/home/u/.ssh", "/home/u/.ssh"},
+                            {"--ro-bind", "/home/u/.gnupg", "/home/u/.gnupg"},
+                            {"--ro-bind", "/home/u/.config/ondrel", "/home/u/.config/ondrel"},
+                            {"--ro-bind", "/proc/sys", "/proc/sys"},
+                            {"--ro-bind", "/dev/null", "/run/user/1/bus"},
+                            {"--tmpfs", "/tmp/.X11-unix", "--remount-ro", "/tmp/.X11-unix"}};
+    for (const auto& mount : covered) EXPECT_GT(position(args, mount), lastBind) << what << " " << mount[1];
   }
+}
+
+TEST(SandboxArgs, TheCommandRunsUnprivilegedWithoutTheDesktopAndOptionallyOffline) {
+  for (bool network : {true, false}) {
+    Args args = buildSandboxArgs({.home = "/h", .workDir = "/w", .network = network}, "make 'a b'", 3);
+    long dashes = position(args, {"--", "/bin/bash", "-lc", "make 'a b'"});
+    EXPECT_EQ(dashes + 4, static_cast<long>(args.size())) << "the command is one argument, last";
+    EXPECT_EQ(args[0], "/usr/bin/bwrap") << "never found through a PATH a command could plant into";
+    for (const Args& option : {Args{"--json-status-fd", "3"}, Args{"--chdir", "/w"}, Args{"--cap-drop", "ALL"},
+                               Args{"--disable-userns"}, Args{"--die-with-parent"}, Args{"--new-session"},
+                               Args{"--unsetenv", "DISPLAY"}, Args{"--unsetenv", "DBUS_SESSION_BUS_ADDRESS"},
+                               Args{"--unsetenv", "WAYLAND_DISPLAY"}}) {
+      long at = position(args, option);
+      EXPECT_TRUE(at >= 0 && at < dashes) << option[0] << " is bubblewrap's, before the command";
+    }
+    EXPECT_EQ(position(args, {"--unshare-net"}) >= 0, !network);
+  }
+  EXPECT_EQ(position(buildSandboxArgs({.home = "/h", .workDir = "/w"}, "true"), {"--json-status-fd"}), -1);
 }
 
 TEST(SandboxArgs, BusAddressesNameTheirSocketPaths) {
@@ -119,23 +83,31 @@ TEST(SandboxArgs, BusAddressesNameTheirSocketPaths) {
       {"unix:path=/run/user/1000/bus", {"/run/user/1000/bus"}},
       {"unix:path=/tmp/a%20b,guid=1234;unix:abstract=/tmp/dbus-x", {"/tmp/a b"}},
       {"unix:guid=1,path=/x/y;tcp:host=localhost,port=1;unix:path=/z", {"/x/y", "/z"}},
-      {"unix:abstract=/tmp/dbus-x", {}},
       {"disabled:", {}},
       {"", {}},
   };
   for (const auto& [address, paths] : cases) EXPECT_EQ(busSocketPaths(address), paths) << address;
 }
 
-TEST(SandboxArgs, PathRulesWorkOnWholeComponents) {
-  EXPECT_TRUE(isSameOrInside("/a/b", "/a/b"));
-  EXPECT_TRUE(isSameOrInside("/a/b/c", "/a/b"));
-  EXPECT_FALSE(isSameOrInside("/a/bc", "/a/b"));
-  EXPECT_FALSE(isSameOrInside("/a", "/a/b"));
-  EXPECT_TRUE(isSameOrInside("/anything", "/"));
-  EXPECT_FALSE(isSameOrInside("relative", "/"));
+TEST(SandboxArgs, WhatTheDesktopRunsLaterAndItsDisplayAreCovered) {
+  for (const char* configHome : {"/h/.config", "/xdg"}) {
+    const Args folders = readOnlyPlan("/h", configHome, std::nullopt, {}).folders;
+    for (const char* name : {"autostart", "systemd/user", "environment.d"})
+      EXPECT_EQ(std::count(folders.begin(), folders.end(), std::string(configHome) + "/" + name), 1) << name;
+  }
+  if (access("/tmp/.X11-unix", F_OK) == 0) {
+    EXPECT_EQ(findDesktopDoors("", "").folders, Args{"/tmp/.X11-unix"});
+  }
+}
 
+TEST(SandboxArgs, PathRulesWorkOnWholeComponents) {
+  const struct {
+    const char *path, *folder;
+    bool inside;
+  } cases[] = {{"/a/b", "/a/b", true},      {"/a/b/c", "/a/b", true}, {"/a/bc", "/a/b", false},
+               {"/a", "/a/b", false},       {"/anything", "/", true}, {"relative", "/", false}};
+  for (const auto& c : cases) EXPECT_EQ(isSameOrInside(c.path, c.folder), c.inside) << c.path << " in " << c.folder;
   EXPECT_EQ(protectedFolders("/"), (Args{"/.ssh", "/.gnupg"}));
-  EXPECT_EQ(protectedFolders("/root"), (Args{"/root/.ssh", "/root/.gnupg"}));
   EXPECT_FALSE(tmpDirIsUsable("/.ssh/x", "/"));
 }
 

@@ -7,174 +7,95 @@
 #include <string>
 #include <vector>
 
-#include "app/instance_prompt_model.h"
 #include "base/json.h"
-#include "build_config.h"
 #include "log_capture.h"
+#include "service_domain.h"
 #include "test_files.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-const std::string D = ondrel::build::kServiceDomain;
-const std::string kRefused = "(only *." + D + " or localhost servers are allowed)";
-const std::string kInvalid = "(expected an http/https URL)";
-const std::string kChosen = "https://chosen.on." + D;
-
-struct FakePrompt {
-  std::optional<std::string> answer;
-  int calls = 0;
-  InstancePromptRunner runner() {
-    return [this] {
-      ++calls;
-      return answer;
-    };
-  }
-};
+const std::string kChosen = "https://chosen.on." + D, kTeam = "https://team.on." + D;
 
 class ServerSelectionTest : public ::testing::Test {
  protected:
   void SetUp() override { LogCapture::instance().clear(); }
-
-  std::optional<std::string> resolve(const std::optional<std::string>& cmdline) {
-    auto result = ondrelResolveServer(cmdline, path_, prompt_.runner());
-    EXPECT_LE(LogCapture::instance().countStartingWith("[Server] loading"), 1u);
-    return result;
+  std::optional<std::string> resolve(const std::optional<std::string>& cmdline,
+                                     const std::optional<std::string>& answer = kChosen) {
+    return ondrelResolveServer(cmdline, path_, [&] {
+      ++prompts_;
+      return answer;
+    });
   }
-  Lines lines() const { return LogCapture::instance().lines(); }
-  std::string notObjectLine() const {
-    return "[Server] " + path_ + " is not a JSON object — ignoring its \"server\" entry, if any";
-  }
-  std::string fromFileLine(const std::string& url) const {
-    return "[Server] loading " + url + " (from \"server\" in " + path_ + ")";
-  }
-  Lines promptedLines(const std::string& url) const {
-    return {"[Server] saved \"server\" to " + path_, "[Server] loading " + url + " (chosen in the first-run prompt)"};
-  }
+  std::string lastLine() const { return LogCapture::instance().lines().back(); }
 
   TempDir dir_;
   std::string path_ = (dir_.path() / "config/ondrel/config.json").string();
-  FakePrompt prompt_{kChosen};
+  int prompts_ = 0;
 };
 
-TEST_F(ServerSelectionTest, CommandLineWinsWithoutTouchingTheFile) {
-  for (std::string file : {R"({"server": "https://other.on.)" + D + "\"}", std::string(R"(["not", "an object"])")}) {
-    LogCapture::instance().clear();
-    writeText(path_, file);
-    EXPECT_EQ(resolve("demo"), "https://demo.on." + D);
-    EXPECT_EQ(lines(), Lines{"[Server] loading https://demo.on." + D + " (from command line)"}) << file;
-    EXPECT_EQ(readText(path_), file);
-    EXPECT_EQ(prompt_.calls, 0);
-  }
-}
-
-TEST_F(ServerSelectionTest, UnusableCommandLineFallsThroughToTheFile) {
-  writeText(path_, R"({"server": " team "})");
-  const std::pair<std::string, Lines> cases[] = {
-      {"https://example.com", {"[Server] ignoring command-line URL " + kRefused}},
-      {"ftp://x." + D, {"[Server] ignoring invalid command-line URL " + kInvalid}},
-      {"  ", {"[Server] ignoring invalid command-line URL " + kInvalid}},
-      {"", {}},
-  };
-  for (const auto& [cmdline, expected] : cases) {
-    LogCapture::instance().clear();
-    EXPECT_EQ(resolve(cmdline), "https://team.on." + D);
-    Lines want = expected;
-    want.push_back(fromFileLine("https://team.on." + D));
-    EXPECT_EQ(lines(), want) << cmdline;
-  }
-  LogCapture::instance().clear();
-  EXPECT_EQ(resolve(std::nullopt), "https://team.on." + D);
-  EXPECT_EQ(prompt_.calls, 0);
-}
-
-TEST_F(ServerSelectionTest, UnusableFileFallsThroughToPromptAndIsRewritten) {
-  struct Case {
-    std::optional<std::string> file;
-    Lines firstLines;
-    Json saved;
-  };
-  const Case cases[] = {
-      {std::nullopt, {}, {{"server", kChosen}}},
-      {R"([{"server": "https://a.)" + D + "\"}]", {notObjectLine()}, {{"server", kChosen}}},
-      {"{broken", {notObjectLine()}, {{"server", kChosen}}},
-      {"", {notObjectLine()}, {{"server", kChosen}}},
-      {R"({"server": true})", {"[Server] ignoring \"server\" value in " + path_ + " " + kInvalid},
+TEST_F(ServerSelectionTest, CommandLineThenFileThenPromptWhichIsSaved) {
+  const std::string team = R"({"server": " team "})", fromFile = "from \"server\" in " + path_;
+  const struct {
+    std::optional<std::string> cmdline, file;
+    std::string url, from;  // from: where the loading line says it came from
+    Json saved;  // the file afterwards when the prompt was asked
+  } cases[] = {
+      {"demo", team, "https://demo.on." + D, "from command line"},
+      {"demo", R"(["not", "an object"])", "https://demo.on." + D, "from command line"},
+      {"https://example.com", team, kTeam, fromFile},
+      {"ftp://x." + D, team, kTeam, fromFile},
+      {"  ", team, kTeam, fromFile},
+      {std::nullopt, team, kTeam, fromFile},
+      {std::nullopt, std::nullopt, kChosen, "chosen in the first-run prompt", {{"server", kChosen}}},
+      {std::nullopt, R"([{"server": "https://a.)" + D + "\"}]", kChosen, "chosen in the first-run prompt",
        {{"server", kChosen}}},
-      {R"({"updateEnabled": false, "server": "https://example.com"})",
-       {"[Server] ignoring \"server\" value in " + path_ + " " + kRefused},
-       {{"server", kChosen}, {"updateEnabled", false}}},
+      {std::nullopt, "{broken", kChosen, "chosen in the first-run prompt", {{"server", kChosen}}},
+      {std::nullopt, R"({"server": true})", kChosen, "chosen in the first-run prompt", {{"server", kChosen}}},
+      {std::nullopt, R"({"updateEnabled": false, "server": "https://example.com"})", kChosen,
+       "chosen in the first-run prompt", {{"server", kChosen}, {"updateEnabled", false}}},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.cmdline.value_or("(none)") + " / " + c.file.value_or("(no file)"));
     LogCapture::instance().clear();
     std::filesystem::remove(path_);
     if (c.file) writeText(path_, *c.file);
-    prompt_.calls = 0;
-    EXPECT_EQ(resolve(std::nullopt), kChosen);
-    EXPECT_EQ(prompt_.calls, 1);
-    Lines want = c.firstLines;
-    for (auto& line : promptedLines(kChosen)) want.push_back(line);
-    EXPECT_EQ(lines(), want) << c.file.value_or("(missing)");
-    EXPECT_EQ(parseJson(readText(path_)), c.saved) << c.file.value_or("(missing)");
+    prompts_ = 0;
+    EXPECT_EQ(resolve(c.cmdline), c.url);
+    EXPECT_EQ(lastLine(), "[Server] loading " + c.url + " (" + c.from + ")");
+    EXPECT_EQ(LogCapture::instance().countStartingWith("[Server] loading"), 1u);
+    EXPECT_EQ(prompts_, c.saved.is_null() ? 0 : 1);
+    if (c.saved.is_null()) {
+      EXPECT_EQ(readText(path_), *c.file);
+    } else {
+      EXPECT_EQ(parseJson(readText(path_)), c.saved);
+    }
   }
 }
 
-TEST_F(ServerSelectionTest, ChoiceIsMergedIntoFileWithSortedKeys) {
+TEST_F(ServerSelectionTest, ChoiceIsMergedIntoThePrettyFileWithSortedKeys) {
   writeText(path_, R"({"updateEnabled": true, "mcpServers": {"fs": {"command": "npx", "args": ["-y"]}}})");
   EXPECT_EQ(resolve(std::nullopt), kChosen);
-  EXPECT_EQ(lines(), promptedLines(kChosen));
   const std::string text = readText(path_);
-  auto saved = parseJson(text);
-  ASSERT_TRUE(saved);
-  // Content kept; ordered_json compares key order too, so this checks nested sorting.
-  EXPECT_EQ((*saved)["mcpServers"], (Json{{"fs", {{"args", {"-y"}}, {"command", "npx"}}}}));
-  EXPECT_EQ((*saved)["updateEnabled"], true);
-  EXPECT_EQ((*saved)["server"], kChosen);
-  // Pretty-printed with sorted keys.
+  // ordered_json compares key order too, so this checks nested sorting.
+  EXPECT_EQ(parseJson(text), (Json{{"mcpServers", {{"fs", {{"args", {"-y"}}, {"command", "npx"}}}}},
+                                   {"server", kChosen}, {"updateEnabled", true}}));
   EXPECT_NE(text.find("\n  \"server\""), std::string::npos) << text;
-  EXPECT_LT(text.find("\"mcpServers\""), text.find("\"server\""));
-  EXPECT_LT(text.find("\"server\""), text.find("\"updateEnabled\""));
 }
 
-TEST_F(ServerSelectionTest, CancelLogsAndWritesNothing) {
-  prompt_.answer = std::nullopt;
-  EXPECT_EQ(resolve(std::nullopt), std::nullopt);
-  EXPECT_EQ(lines(), Lines{"[Server] no server chosen — startup cancelled"});
+TEST_F(ServerSelectionTest, CancelWritesNothingAndAFailedSaveGoesOn) {
+  EXPECT_EQ(resolve(std::nullopt, std::nullopt), std::nullopt);
+  EXPECT_EQ(lastLine(), "[Server] no server chosen — startup cancelled");
   EXPECT_FALSE(std::filesystem::exists(dir_.path() / "config"));
-
-  LogCapture::instance().clear();
   writeText(path_, "[1]");
-  EXPECT_EQ(resolve(std::nullopt), std::nullopt);
-  EXPECT_EQ(lines(), (Lines{notObjectLine(), "[Server] no server chosen — startup cancelled"}));
+  EXPECT_EQ(resolve(std::nullopt, std::nullopt), std::nullopt);
   EXPECT_EQ(readText(path_), "[1]");
-}
 
-TEST_F(ServerSelectionTest, SavesTheNormalisedAddressNotTheTypedText) {
-  for (const auto& [typed, url] : {std::pair<std::string, std::string>{"  team ", "https://team.on." + D},
-                                   {"http://localhost:3000/", "http://localhost:3000"}}) {
-    LogCapture::instance().clear();
-    std::filesystem::remove_all(dir_.path() / "config");
-    InstancePromptModel model;
-    auto runner = [&] {
-      model.confirm(typed);
-      return model.result();
-    };
-    EXPECT_EQ(ondrelResolveServer(std::nullopt, path_, runner), url);
-    EXPECT_EQ(parseJson(readText(path_)), (Json{{"server", url}})) << typed;
-    EXPECT_EQ(lines(), promptedLines(url));
-  }
-}
-
-TEST_F(ServerSelectionTest, FailedSaveIsLoggedAndStartupGoesOn) {
+  std::filesystem::remove(path_);
   std::filesystem::create_directories(path_);  // a folder where the file should be
+  LogCapture::instance().clear();
   EXPECT_EQ(resolve(std::nullopt), kChosen);
-  auto got = lines();
-  ASSERT_EQ(got.size(), 2u);
-  const std::string prefix = "[Server] could not save the chosen server to " + path_ + " (";
-  EXPECT_EQ(got[0].rfind(prefix, 0), 0u) << got[0];
-  EXPECT_GT(got[0].size(), prefix.size() + 1) << "the error is described";
-  EXPECT_EQ(got[0].back(), ')');
-  EXPECT_EQ(got[1], "[Server] loading " + kChosen + " (chosen in the first-run prompt)");
+  EXPECT_EQ(LogCapture::instance().countStartingWith("[Server] could not save the chosen server to " + path_ + " ("),
+            1u);
 }
 
 }  // namespace

@@ -1,6 +1,3 @@
-// The verifier against signatures made by the minisign tool itself, fresh
-// keys and files for every run.
-
 #include <glib.h>
 #include <gtest/gtest.h>
 
@@ -38,94 +35,72 @@ std::string withAlgorithm(const std::string& sigText, const char* algorithm) {
   return out;
 }
 
-// Two key pairs and the files and signatures the cases below pick from.
-struct Vectors {
+// Signatures made by the minisign tool itself with fresh keys: one
+// reference implementation checks the other.
+TEST(Minisign, VerdictsTable) {
   MinisignTool tool;
   TempDir dir;
-  std::string keyA, idA, idB;
-  fs::path archive, tampered, empty;
-  std::string prehashed, legacy, otherKey, legacyEmpty;
-
-  Vectors() {
-    tool.makeKey("a");
-    tool.makeKey("b");
-    keyA = tool.keyLine("a");
-    idA = tool.keyId("a");
-    idB = tool.keyId("b");
-
-    // More than one read chunk, so the streamed hash sees several.
-    std::string bytes;
-    for (int i = 0; bytes.size() < (5u << 19); ++i) bytes += "PK\x03\x04 chunk " + std::to_string(i * 7919) + "\n";
-    archive = dir.path() / "Ondrel-2.0.0-x86_64.zip";
-    writeText(archive, bytes);
-    bytes[bytes.size() / 2] ^= 1;
-    tampered = dir.path() / "tampered.zip";
-    writeText(tampered, bytes);
-    empty = dir.path() / "empty";
-    writeText(empty, "");
-
-    prehashed = tool.sign("a", archive, "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip");
-    legacy = tool.sign("a", archive, "version:2.0.0", "-l");
-    otherKey = tool.sign("b", archive, "version:2.0.0");
-    legacyEmpty = tool.sign("a", empty, "version:0", "-l");
-  }
-};
-
-TEST(Minisign, VerdictsTable) {
-  const Vectors v;
+  tool.makeKey("a");
+  tool.makeKey("b");
+  const std::string keyA = tool.keyLine("a"), idA = tool.keyId("a"), idB = tool.keyId("b");
+  const fs::path archive = dir.path() / "Ondrel-2.0.0-x86_64.zip", tampered = dir.path() / "t.zip",
+                 empty = dir.path() / "e";
+  // More than one read chunk, so the streamed hash sees several.
+  std::string bytes;
+  for (int i = 0; bytes.size() < (5u << 19); ++i) bytes += "PK\x03\x04 chunk " + std::to_string(i * 7919) + "\n";
+  writeText(archive, bytes);
+  bytes[bytes.size() / 2] ^= 1;
+  writeText(tampered, bytes);
+  writeText(empty, "");
+  const std::string prehashed = tool.sign("a", archive, "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip"),
+                    legacy = tool.sign("a", archive, "version:2.0.0", "-l");
+  const std::string kMismatch = "the archive does not match its signature";
   std::string crlf;
-  for (char c : v.prehashed) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
-  struct Case {
+  for (char c : prehashed) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+  const struct {
     const char* what;
     fs::path file;
-    std::string sig;
-    std::string key;
-    std::string reason;  // a part of the reason; "" when it must verify ...
+    std::string sig, key;
+    std::string reason;        // a part of the reason; "" when it must verify ...
     std::string comment = "";  // ... with this trusted comment
-  };
-  const std::vector<Case> cases = {
-      {"prehashed", v.archive, v.prehashed, v.keyA, "", "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip"},
-      {"legacy", v.archive, v.legacy, v.keyA, "", "version:2.0.0"},
-      {"legacy, empty file", v.empty, v.legacyEmpty, v.keyA, "", "version:0"},
-      {"CRLF line ends", v.archive, crlf, v.keyA, "", "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip"},
-      {"one byte changed, prehashed", v.tampered, v.prehashed, v.keyA, "the archive does not match its signature"},
-      {"one byte changed, legacy", v.tampered, v.legacy, v.keyA, "the archive does not match its signature"},
-      {"prehashed signature relabelled legacy", v.archive, withAlgorithm(v.prehashed, "Ed"), v.keyA,
-       "the archive does not match its signature"},
-      {"legacy signature relabelled prehashed", v.archive, withAlgorithm(v.legacy, "ED"), v.keyA,
-       "the archive does not match its signature"},
-      {"another key", v.archive, v.otherKey, v.keyA,
-       "it is signed with key " + v.idB + ", not with this copy's key " + v.idA},
-      {"trusted comment edited", v.archive, withLine(v.prehashed, 2, "trusted comment: version:9.9.9"), v.keyA,
+  } cases[] = {
+      {"prehashed", archive, prehashed, keyA, "", "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip"},
+      {"legacy", archive, legacy, keyA, "", "version:2.0.0"},
+      {"legacy, empty file", empty, tool.sign("a", empty, "version:0", "-l"), keyA, "", "version:0"},
+      {"CRLF line ends", archive, crlf, keyA, "", "version:2.0.0 file:Ondrel-2.0.0-x86_64.zip"},
+      {"one byte changed, prehashed", tampered, prehashed, keyA, kMismatch},
+      {"one byte changed, legacy", tampered, legacy, keyA, kMismatch},
+      {"prehashed signature relabelled legacy", archive, withAlgorithm(prehashed, "Ed"), keyA, kMismatch},
+      {"legacy signature relabelled prehashed", archive, withAlgorithm(legacy, "ED"), keyA, kMismatch},
+      {"another key", archive, tool.sign("b", archive, "version:2.0.0"), keyA,
+       "it is signed with key " + idB + ", not with this copy's key " + idA},
+      {"trusted comment edited", archive, withLine(prehashed, 2, "trusted comment: version:9.9.9"), keyA,
        "trusted comment has been altered"},
-      {"comment signature of another signature", v.archive, withLine(v.prehashed, 3, Tool::lineOf(v.legacy, 3)), v.keyA,
+      {"comment signature of another signature", archive, withLine(prehashed, 3, Tool::lineOf(legacy, 3)), keyA,
        "trusted comment has been altered"},
-      {"unknown algorithm", v.archive, withAlgorithm(v.prehashed, "Xy"), v.keyA, "unknown signature algorithm"},
-      {"empty file", v.archive, "", v.keyA, "not a minisign signature (it has 0 of its 4 lines)"},
-      {"three lines", v.archive, v.prehashed.substr(0, v.prehashed.rfind('\n', v.prehashed.size() - 2) + 1), v.keyA,
+      {"unknown algorithm", archive, withAlgorithm(prehashed, "Xy"), keyA, "unknown signature algorithm"},
+      {"empty file", archive, "", keyA, "not a minisign signature (it has 0 of its 4 lines)"},
+      {"three lines", archive, prehashed.substr(0, prehashed.rfind('\n', prehashed.size() - 2) + 1), keyA,
        "it has 3 of its 4 lines"},
-      {"an HTML page", v.archive, "<html>\n<body>\nNot Found\n</body>\n</html>\n", v.keyA,
+      {"an HTML page", archive, "<html>\n<body>\nNot Found\n</body>\n</html>\n", keyA,
        "its first line is not an untrusted comment"},
-      {"signature line not base64", v.archive, withLine(v.prehashed, 1, "RUQ*not*base64"), v.keyA,
+      {"signature line not base64", archive, withLine(prehashed, 1, "RUQ*not*base64"), keyA,
        "its signature line is not valid"},
-      {"signature line cut short", v.archive, withLine(v.prehashed, 1, Tool::lineOf(v.prehashed, 1).substr(0, 60)), v.keyA,
-       "its signature line is not valid"},
-      {"no trusted comment", v.archive, withLine(v.prehashed, 2, "version:2.0.0"), v.keyA,
+      {"signature line cut short", archive, withLine(prehashed, 1, Tool::lineOf(prehashed, 1).substr(0, 60)),
+       keyA, "its signature line is not valid"},
+      {"no trusted comment", archive, withLine(prehashed, 2, "version:2.0.0"), keyA,
        "its third line is not a trusted comment"},
-      {"comment signature not base64", v.archive, withLine(v.prehashed, 3, "%%%"), v.keyA,
+      {"comment signature not base64", archive, withLine(prehashed, 3, "%%%"), keyA,
        "its comment signature line is not valid"},
-      {"the public key line is no key", v.archive, v.prehashed, "RWQnot-a-key", "is not a minisign public key"},
-      {"the signature given as the key", v.archive, v.prehashed, Tool::lineOf(v.prehashed, 1),
-       "is not a minisign public key"},
-      {"archive missing", v.dir.path() / "missing.zip", v.prehashed, v.keyA, "the archive cannot be read"},
-      {"archive is a folder", v.dir.path(), v.prehashed, v.keyA, "the archive cannot be read"},
+      {"the public key line is no key", archive, prehashed, "RWQnot-a-key", "is not a minisign public key"},
+      {"archive is a folder", dir.path(), prehashed, keyA, "the archive cannot be read"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     MinisignVerdict verdict = ondrelVerifyMinisign(c.file.string(), c.sig, c.key);
     if (c.reason.empty()) {
       EXPECT_TRUE(verdict.ok) << c.what << ": " << verdict.reason;
       EXPECT_EQ(verdict.trustedComment, c.comment) << c.what;
-      EXPECT_EQ(verdict.keyId, v.idA) << c.what;
+      EXPECT_EQ(verdict.keyId, idA) << c.what;
     } else {
       EXPECT_FALSE(verdict.ok) << c.what;
       EXPECT_NE(verdict.reason.find(c.reason), std::string::npos) << c.what << ": " << verdict.reason;
@@ -135,25 +110,18 @@ TEST(Minisign, VerdictsTable) {
 }
 
 TEST(UpdateSignature, TrustedCommentMustNameTheVersionAsAField) {
-  struct Case {
-    const char* comment;
-    const char* version;
+  const struct {
+    const char *comment, *version;
     bool names;
+  } cases[] = {
+      {"timestamp:1700000000\tfile:Ondrel-2.0.0-x86_64.zip\tversion:2.0.0", "2.0.0", true},
+      {"version:2.0.0 file:a.zip", "2.0.0", true},       {"version:2.0.0.1", "2.0.0", false},
+      {"version:12.0.0", "2.0.0", false},                {"myversion:2.0.0", "2.0.0", false},
+      {"file:Ondrel-2.0.0-x86_64.zip", "2.0.0", false},  {"version:", "", false},
   };
-  for (const Case& c : std::vector<Case>{
-           {"timestamp:1700000000\tfile:Ondrel-2.0.0-x86_64.zip\tversion:2.0.0", "2.0.0", true},
-           {"version:2.0.0 file:a.zip", "2.0.0", true},
-           {"version:2.0.0.1", "2.0.0", false},
-           {"version:12.0.0", "2.0.0", false},
-           {"myversion:2.0.0", "2.0.0", false},
-           {"file:Ondrel-2.0.0-x86_64.zip", "2.0.0", false},
-           {"version:2.0.0", "", false},
-           {"version:", "", false},
-       })
+  for (const auto& c : cases)
     EXPECT_EQ(ondrelTrustedCommentNamesVersion(c.comment, c.version), c.names) << c.comment << " / " << c.version;
-}
 
-TEST(UpdateSignature, SignatureLivesBesideTheArchive) {
   EXPECT_EQ(ondrelSignatureUrl("https://h/r/Ondrel-2.0-x86_64.zip"), "https://h/r/Ondrel-2.0-x86_64.zip.minisig");
   EXPECT_EQ(ondrelSignatureUrl("https://h/r/a.zip?token=1#x"), "https://h/r/a.zip.minisig?token=1#x");
 }

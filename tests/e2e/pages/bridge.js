@@ -1,19 +1,14 @@
-// The page's half of the bridge, plus a command channel for tests.
-//
-// Loaded as bridge.html?ch=<channel>. The page long-polls /bridge/next for
-// commands from the test (see bridge_client.py) and reports everything it
-// sees with report(). With &bare=1 it leaves window.__ondrel undefined, as a
-// page that never brought its half of the bridge.
+// The page's half of the bridge, plus a command channel for tests (see bridge_client.py).
+// Loaded as bridge.html?ch=<channel>; with &bare=1 it leaves window.__ondrel undefined, as a page
+// that never brought its half of the bridge.
 (function () {
   const params = new URLSearchParams(location.search);
   const ch = params.get('ch') || '';
   const bare = params.get('bare') === '1';
-  // A fresh id per page load, so the server can tell a reloaded page's poll
-  // from an orphaned one of the page before.
+  // A fresh id per page load, so the server can tell a reloaded page's poll from an orphaned one.
   const inst = Math.random().toString(36).slice(2) + Date.now().toString(36);
-  // Longer string replies are reported as length + digest: a 16 MB reply
-  // would otherwise travel back through a report.
-  const SUMMARY_OVER = 65536;
+  const SUMMARY_OVER = 65536;  // longer string replies are reported as length + digest
+  const asked = {};  // request id -> action name, to know how a long reply is encoded
 
   function send(kind, data) {
     return report(kind, Object.assign({ ch: ch, inst: inst, host: location.host }, data || {}));
@@ -23,42 +18,20 @@
     window.webkit.messageHandlers.ondrel.postMessage(body);
   }
 
-  // --- digests of large replies ---------------------------------------
-
-  function hex(buffer) {
-    return Array.from(new Uint8Array(buffer), function (b) { return b.toString(16).padStart(2, '0'); }).join('');
-  }
-
-  function bytesOf(text, decoding) {
-    if (decoding === 'base64') {
-      const binary = atob(text);
-      const bytes = new Uint8Array(binary.length);
-      for (let i = 0; i < binary.length; i++) bytes[i] = binary.charCodeAt(i);
-      return bytes;
-    }
-    return new TextEncoder().encode(text);
-  }
-
   async function summary(text, decoding) {
-    const out = { length: text.length, decoding: decoding };
+    const out = { length: text.length };
     try {
-      const bytes = bytesOf(text, decoding);
+      const bytes = decoding === 'base64' ? Uint8Array.from(atob(text), function (c) { return c.charCodeAt(0); })
+                                          : new TextEncoder().encode(text);
       out.size = bytes.length;
-      out.sha256 = hex(await crypto.subtle.digest('SHA-256', bytes));
+      out.sha256 = Array.from(new Uint8Array(await crypto.subtle.digest('SHA-256', bytes)),
+                              function (b) { return b.toString(16).padStart(2, '0'); }).join('');
     } catch (e) {
       out.error = String(e);
     }
     return out;
   }
 
-  // --- window.__ondrel ------------------------------------------------
-
-  // What the page asked for under each request id, so a reply can be decoded
-  // the way its action encodes it.
-  const asked = {};
-
-  // Page handlers the native side may invoke; a test can replace or add
-  // entries through window.__bridgeTest.handlers.
   const handlers = {
     greet: function () { return 'hello ' + Array.prototype.join.call(arguments, ' '); },
   };
@@ -67,48 +40,36 @@
     window.__ondrel = {
       invoke: function (id, handler) {
         const args = Array.prototype.slice.call(arguments, 2);
-        send('invoke', { id: id, idType: typeof id, handler: handler, args: args });
-        const fn = handlers[handler];
+        send('invoke', { id: id, handler: handler, args: args });
         let answer;
-        if (!fn) {
-          answer = { __bridgeId: id, ok: false, error: 'no handler ' + handler };
-        } else {
-          try {
-            answer = { __bridgeId: id, ok: true, value: fn.apply(null, args) };
-          } catch (e) {
-            answer = { __bridgeId: id, ok: false, error: String(e) };
-          }
+        try {
+          answer = { __bridgeId: id, ok: true, value: handlers[handler].apply(null, args) };
+        } catch (e) {
+          answer = { __bridgeId: id, ok: false, error: String(e) };
         }
         postToNative(answer);
       },
       __resolve: function (reqId, ok, value) {
-        const entry = {
-          reqId: reqId, reqIdType: typeof reqId, ok: ok, okType: typeof ok, argc: arguments.length,
-        };
+        const entry = { reqId: reqId, reqIdType: typeof reqId, ok: ok, okType: typeof ok, argc: arguments.length };
         if (typeof value === 'string' && value.length > SUMMARY_OVER) {
-          const decoding = asked[String(reqId)] === 'readFileBase64' ? 'base64' : 'utf-8';
-          summary(value, decoding).then(function (s) {
+          summary(value, asked[String(reqId)] === 'readFileBase64' ? 'base64' : 'utf-8').then(function (s) {
             entry.summary = s;
             send('reply', entry);
           });
           return;
         }
         entry.value = value === undefined ? null : value;
-        entry.valueType = value === undefined ? 'undefined' : (value === null ? 'null' : typeof value);
         send('reply', entry);
       },
     };
   }
 
-  window.__bridgeTest = { ch: ch, inst: inst, handlers: handlers, send: send, post: postToNative };
-
-  // --- commands from the test -----------------------------------------
+  window.__bridgeTest = { inst: inst, send: send };
 
   const AsyncFunction = Object.getPrototypeOf(async function () {}).constructor;
-  // The server answers a poll within 2 s. A poll still open after 4 s is
-  // dead (WebKit can leave a page's fetch hanging, e.g. after a navigation
-  // of the page turned into a download) and is replaced; the server keeps
-  // the command until the test has seen it done, so nothing is lost.
+  // The server answers a poll within 2 s. A poll still open after 4 s is dead (WebKit can leave a
+  // fetch hanging after a navigation turned into a download) and is replaced; the server keeps the
+  // command until the test has seen it done, so nothing is lost.
   const POLL_GIVE_UP_MS = 4000;
 
   async function perform(cmd) {
@@ -117,11 +78,10 @@
         if (body && typeof body === 'object' && '__reqId' in body) asked[String(body.__reqId)] = body.name;
         postToNative(body);
       }
-      return null;
+    } else if (cmd.op === 'run') {
+      return await new AsyncFunction(cmd.code)();
     }
-    if (cmd.op === 'run') return await new AsyncFunction(cmd.code)();
-    if (cmd.op === 'navigate') return null;  // after the report, below
-    throw new Error('unknown command ' + cmd.op);
+    return null;  // navigate: after the report, below
   }
 
   async function poll() {
