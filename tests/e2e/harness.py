@@ -145,7 +145,7 @@ class XWindow:
         return self.screen.screenshot((*self.to_screen(x, y), 1, 1)).getpixel((0, 0))
 
     def wait_for_pixel(self, x: int, y: int, expected, tol: float = 4, timeout: float = 10):
-        poll(lambda: close_to(self.pixel(x, y), expected, tol), timeout,
+        poll(lambda: all(abs(a - e) <= tol for a, e in zip(self.pixel(x, y), expected)), timeout,
              message=lambda: f"pixel ({x}, {y}) is {self.pixel(x, y)}, expected {tuple(expected)} ±{tol}")
 
     def screenshot(self) -> Image.Image:
@@ -229,10 +229,6 @@ class Screen:
         return Image.frombytes("RGB", (x1 - x0, y1 - y0), raw.data, "raw", "BGRX")
 
 
-def close_to(actual: Iterable[float], expected: Iterable[float], tol: float = 4) -> bool:
-    return all(abs(a - e) <= tol for a, e in zip(actual, expected))
-
-
 def blend(top: Iterable[float], bottom: Iterable[float], alpha: float) -> tuple[float, ...]:
     return tuple(alpha * t + (1 - alpha) * b for t, b in zip(top, bottom))
 
@@ -241,7 +237,6 @@ def blend(top: Iterable[float], bottom: Iterable[float], alpha: float) -> tuple[
 class Report:
     kind: str
     data: dict
-    index: int
 
 
 class WebServer:
@@ -313,7 +308,7 @@ class WebServer:
 
     def _add(self, data: dict):
         with self._cond:
-            self._reports.append(Report(str(data.get("kind", "")), data, len(self._reports)))
+            self._reports.append(Report(str(data.get("kind", "")), data))
             self._cond.notify_all()
 
     def mark(self) -> int:
@@ -407,9 +402,6 @@ class App:
         self.proc: subprocess.Popen | None = None
         self._children: set[int] = set()
         self._eof = False
-
-    def read_config_text(self) -> str | None:
-        return self.config_path.read_text() if self.config_path.exists() else None
 
     def start(self) -> "App":
         env = {k: v for k, v in self.env.items() if v is not None}

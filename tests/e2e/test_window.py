@@ -144,7 +144,7 @@ def test_closing_the_main_window_or_the_prompt_quits(launch, web, map_watcher, w
         app.screen.key(how)
     assert app.wait_exit() == 0
     if window == "prompt":  # nothing is saved and the main window never appeared
-        assert json.loads(app.read_config_text()) == {"mcpServers": {}}
+        assert json.loads(app.config_path.read_text()) == {"mcpServers": {}}
         widths = [m["width"] for m in map_watcher.maps_of(app.pid)]
         assert widths and all(w < 1000 for w in widths), f"windows mapped by the app: {widths}"
 
@@ -181,25 +181,6 @@ def test_a_second_launch_hands_its_address_to_the_first(launch, web, other_web, 
         daemon.wait()
 
 
-@pytest.mark.parametrize("args, config, expect", [
-    (["{cmd}"], {"server": "{file}"}, "cmd"),
-    (["https://www.example.com"], {"server": "{file}"}, "file"),  # outside the service domain
-    (["https://www.example.com"], {"server": "https://evil.example"}, "prompt"),
-], ids=["command-line-wins", "command-line-outside-domain", "neither-allowed"])
-def test_server_comes_from_command_line_then_settings_file(launch, web, args, config, expect):
-    urls = {k: web.url(f"select.html?src={k}") for k in ("cmd", "file")}
-    original = json.dumps({k: v.format(**urls) for k, v in config.items()})
-    mark = web.mark()
-    app = launch(*[a.format(**urls) for a in args], config_text=original)
-    if expect == "prompt":
-        app.prompt_window()
-    else:
-        web.wait_for_report("load", since=mark, where=lambda d: d["page"] == f"/select.html?src={expect}")
-        app.main_window()
-        assert len(web.reports("load", since=mark)) == 1
-    assert app.read_config_text() == original
-
-
 @pytest.mark.parametrize("config_text, typed", [(None, None), ('["server", "https://x.on.ondrel.example"]', "chosen")],
                          ids=["demo-address", "typed-over-a-broken-file"])
 def test_the_first_run_prompt_loads_and_saves_the_address(launch, web, config_text, typed):
@@ -215,4 +196,4 @@ def test_the_first_run_prompt_loads_and_saves_the_address(launch, web, config_te
     app.main_window()
     poll(lambda: not prompt.is_viewable(), 5, message="the prompt stayed on screen")
     # The MCP registry made the file with its empty "mcpServers" at start, unless one was there.
-    assert json.loads(app.read_config_text()) == {"server": chosen, **({} if typed else {"mcpServers": {}})}
+    assert json.loads(app.config_path.read_text()) == {"server": chosen, **({} if typed else {"mcpServers": {}})}
