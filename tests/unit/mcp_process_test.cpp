@@ -115,7 +115,6 @@ TEST(McpSearchDirs, ResolutionTakesTheFirstExecutableFile) {
       {"folder", d2 / "folder"},
       {"sub/nested", d2 / "sub/nested"},  // relative path with a slash
       {"missing", std::nullopt},
-      {"", std::nullopt},
       {(d2 / "tool").string(), d2 / "tool"},  // absolute: used as is
       {"/nonexistent/tool", std::nullopt},    // absolute: never searched
       {(d1 / "tool").string(), std::nullopt},
