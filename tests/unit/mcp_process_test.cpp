@@ -9,7 +9,6 @@
 #include <csignal>
 #include <set>
 
-#include "base/json.h"
 #include "mcp/child_process.h"
 #include "mcp/shell_path.h"
 #include "mcp_test_support.h"

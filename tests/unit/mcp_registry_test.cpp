@@ -2,7 +2,6 @@
 
 #include <map>
 
-#include "base/json.h"
 #include "mcp/client_mcp.h"
 #include "mcp/server_config.h"
 #include "mcp_test_support.h"
@@ -12,9 +11,8 @@ namespace fs = std::filesystem;
 TEST(McpNamespace, ReplacesThenLowerCasesThenTrims) {
   const std::pair<const char*, const char*> cases[] = {
       {"Git Hub", "it--ub"},  // capitals are replaced before lower-casing
-      {"git-hub", "git-hub"},     {"--git hub--", "git-hub"}, {"files_v2", "files_v2"},
-      {"_under_", "_under_"},     {"a..b", "a--b"},           {"@#$ %", "server"},
-      {"", "server"},             {"caf\xC3\xA9x", "caf-x"},  // one '-' per UTF-16 unit
+      {"--git hub--", "git-hub"}, {"_v2_", "_v2_"},  {"a..b", "a--b"},
+      {"@#$ %", "server"},        {"", "server"},    {"caf\xC3\xA9x", "caf-x"},  // one '-' per UTF-16 unit
       {"a\xF0\x9F\x98\x80z", "a--z"},
   };
   for (const auto& [name, ns] : cases) EXPECT_EQ(ondrelMcpNamespace(name), ns) << name;
@@ -186,7 +184,7 @@ TEST_F(McpRegistry, ListingGivesOneEntryPerServerEvenWhenOneFailsAndCachesOnlyWh
 TEST_F(McpRegistry, CallingByNamespaceWhereTheFirstServerOfASharedOneWins) {
   load(fakeConfig({{"Files", {}}, {"iles", {}}}));
   EXPECT_EQ(mcp_.taskNamed("iles"), mcp_.tasks().at(0)) << "looked up by namespace, not by name";
-  EXPECT_EQ(call("files", "echo", Json::object()), (Json{{"error", "unknown MCP server 'files'"}})) << "'Files' is 'iles'";
+  EXPECT_EQ(call("files", "echo", {}), (Json{{"error", "unknown MCP server 'files'"}})) << "'Files' is 'iles'";
   EXPECT_EQ(call(std::nullopt, "echo", Json::object()), (Json{{"error", "unknown MCP server ''"}}));
 
   auto echoed = [&](const std::optional<std::string>& tool, const Json& args) {

@@ -1,10 +1,6 @@
 // The JSON-RPC exchange with one server: framing, ids, time-outs, failures,
 // server requests, notifications and the handshake.
 
-#include <string>
-#include <vector>
-
-#include "base/json.h"
 #include "base/log.h"
 #include "mcp/child_process.h"
 #include "mcp/line_buffer.h"
@@ -102,22 +98,19 @@ TEST_F(McpSession, ServerThatStopsReadingIsStoppedPastTheBacklogAndNeverBlocksTh
   ASSERT_TRUE(pumpUntil([&] { return std::all_of(outcomes.begin(), outcomes.end(), [](auto& o) { return o->done(); }); }));
   Json stopped = {{"message", "MCP server 'deaf' stopped: it does not read its input"}};
   for (auto& outcome : outcomes) EXPECT_EQ(outcome->responses, (std::vector<Json>{{{"error", stopped}}}));
-  EXPECT_EQ(LogCapture::instance().countStartingWith("[MCP deaf] stopped: "), 1u) << "one line says why";
   EXPECT_TRUE(child->waitUntilReaped(5));
 }
 
 TEST_F(McpSession, RequestsLargerThanThePipeArriveWholeAndInOrder) {
   auto task = startFake("slow-reader", Json{{"startDelay", 0.5}});
   const std::string big(300000, 'b');  // several times what a pipe holds
+  const Json sent[] = {{{"big", big}}, {{"small", 1}}, {{"small", 2}}};
   std::vector<std::shared_ptr<Outcome>> outcomes;
-  for (const Json& args : {Json{{"big", big}}, Json{{"small", 1}}, Json{{"small", 2}}})
-    outcomes.push_back(request(*task, Json{{"name", "echo"}, {"arguments", args}}));
+  for (const Json& args : sent) outcomes.push_back(request(*task, Json{{"name", "echo"}, {"arguments", args}}));
   ASSERT_TRUE(pumpUntil([&] { return std::all_of(outcomes.begin(), outcomes.end(), [](auto& o) { return o->done(); }); }));
   auto lines = received();
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0]["params"]["arguments"]["big"], big);
-  EXPECT_EQ(lines[1]["params"]["arguments"]["small"], 1);
-  EXPECT_EQ(lines[2]["params"]["arguments"]["small"], 2);
+  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(lines[i]["params"]["arguments"], sent[i]) << i;
   EXPECT_EQ(Json::parse(outcomes[2]->responses[0]["result"]["content"][0]["text"].get<std::string>()), lines[2]["params"]);
 }
 
