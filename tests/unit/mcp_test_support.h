@@ -113,10 +113,9 @@ class HomeFixture : public ::testing::Test {
     std::vector<Json> responses;
     bool done() const { return !responses.empty(); }
   };
-  std::shared_ptr<Outcome> request(McpTask& task, const Json& params, double timeout = 10,
-                                   const std::string& method = "tools/call") {
+  std::shared_ptr<Outcome> request(McpTask& task, const Json& params, double timeout = 10) {
     auto outcome = std::make_shared<Outcome>();
-    task.sendRequest(method, params, timeout, [outcome](const Json& r) { outcome->responses.push_back(r); });
+    task.sendRequest("tools/call", params, timeout, [outcome](const Json& r) { outcome->responses.push_back(r); });
     return outcome;
   }
 
