@@ -20,68 +20,46 @@
 #include "mcp/shell_path.h"
 #include "test_files.h"
 
-// Newline-delimited JSON-RPC. Its first argument, a JSON object, sets the
-// tool list and error answers of initialize and tools/list, and a delay
-// before it starts reading. tools/call runs the "script" argument:
-//   {"raw": text} written as is, "{ID}" replaced by the request id;
-//   {"respond": result}, {"error": object}, {"sleep": seconds},
-//   {"stderr": text}, {"exit": code}.
-// A call without a script answers with its params as text. Every line it
-// receives is appended to $FAKE_LOG.
+// Newline-delimited JSON-RPC. Its first argument, a JSON object, may replace
+// the answer to "initialize" or "tools/list" (null for none) and set a
+// "startDelay" in seconds before it reads. tools/call runs the steps of its
+// "script" argument: an answer ({"result": …} or {"error": …}); {"raw":
+// text}, written as is with "{ID}" the request id; {"sleep": seconds};
+// {"stderr": text}; {"exit": code}. Without a script a call is answered with
+// its params as text. Every line it receives goes to $FAKE_LOG.
 inline constexpr const char* kFakeServerPy = R"PY(#!/usr/bin/python3
 import json, os, sys, time
 opts = json.loads(sys.argv[1]) if len(sys.argv) > 1 else {}
-log = os.environ.get("FAKE_LOG")
-def out(text):
-    sys.stdout.write(text)
-    sys.stdout.flush()
-def reply(id, **kw):
-    out(json.dumps(dict(jsonrpc="2.0", id=id, **kw)) + "\n")
+canned = {"initialize": {"result": {"protocolVersion": "2024-11-05", "capabilities": {"tools": {}},
+                                    "serverInfo": {"name": "fake", "version": "1"}}},
+          "tools/list": {"result": {"tools": [{"name": "echo", "inputSchema": {"type": "object"}}]}}, **opts}
+def out(text, stream=sys.stdout):
+    stream.write(text)
+    stream.flush()
 time.sleep(opts.get("startDelay", 0))
-while True:
-    line = sys.stdin.readline()
-    if not line:
-        break
-    if log:
-        with open(log, "a") as f:
-            f.write(line if line.endswith("\n") else line + "\n")
-    try:
-        msg = json.loads(line)
-    except ValueError:
+for line in sys.stdin:
+    if os.environ.get("FAKE_LOG"):
+        with open(os.environ["FAKE_LOG"], "a") as log:
+            log.write(line)
+    msg = json.loads(line)
+    id, method, args = msg.get("id"), msg.get("method"), (msg.get("params") or {}).get("arguments") or {}
+    if id is None or method is None:
         continue
-    method, id = msg.get("method"), msg.get("id")
-    if "id" not in msg or method is None:
-        continue
-    if method == "initialize":
-        if "initError" in opts:
-            reply(id, error=opts["initError"])
-        elif not opts.get("initSilent"):
-            reply(id, result={"protocolVersion": "2024-11-05", "capabilities": {"tools": {}},
-                              "serverInfo": {"name": "fake", "version": "1"}})
-    elif method == "tools/list":
-        if "listError" in opts:
-            reply(id, error=opts["listError"])
-        else:
-            reply(id, result={"tools": opts.get("tools", [{"name": "echo", "inputSchema": {"type": "object"}}])})
-    elif method == "tools/call":
-        args = msg.get("params", {}).get("arguments", {})
-        script = args.get("script") if isinstance(args, dict) else None
-        if script is None:
-            reply(id, result={"content": [{"type": "text", "text": json.dumps(msg.get("params"))}]})
-        for step in script or []:
-            if "raw" in step:
-                out(step["raw"].replace("{ID}", str(id)))
-            elif "respond" in step:
-                reply(id, result=step["respond"])
-            elif "error" in step:
-                reply(id, error=step["error"])
-            elif "sleep" in step:
-                time.sleep(step["sleep"])
-            elif "stderr" in step:
-                sys.stderr.write(step["stderr"])
-                sys.stderr.flush()
-            elif "exit" in step:
-                os._exit(step["exit"])
+    steps = [canned[method]] if canned.get(method) else []
+    if method == "tools/call":
+        text = json.dumps(msg["params"])
+        steps = args.get("script", [{"result": {"content": [{"type": "text", "text": text}]}}])
+    for step in steps:
+        if "raw" in step:
+            out(step["raw"].replace("{ID}", str(id)))
+        elif "result" in step or "error" in step:
+            out(json.dumps({"jsonrpc": "2.0", "id": id, **step}) + "\n")
+        elif "sleep" in step:
+            time.sleep(step["sleep"])
+        elif "stderr" in step:
+            out(step["stderr"], sys.stderr)
+        elif "exit" in step:
+            os._exit(step["exit"])
 )PY";
 
 inline std::string writeExecutable(const std::filesystem::path& file, const std::string& text) {
@@ -135,10 +113,9 @@ class HomeFixture : public ::testing::Test {
     std::vector<Json> responses;
     bool done() const { return !responses.empty(); }
   };
-  std::shared_ptr<Outcome> request(McpTask& task, const Json& params, double timeout = 10,
-                                   const std::string& method = "tools/call") {
+  std::shared_ptr<Outcome> request(McpTask& task, const Json& params, double timeout = 10) {
     auto outcome = std::make_shared<Outcome>();
-    task.sendRequest(method, params, timeout, [outcome](const Json& r) { outcome->responses.push_back(r); });
+    task.sendRequest("tools/call", params, timeout, [outcome](const Json& r) { outcome->responses.push_back(r); });
     return outcome;
   }
 

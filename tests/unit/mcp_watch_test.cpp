@@ -8,8 +8,6 @@
 
 TEST(McpThrottle, ChangesCloserThanTheIntervalGiveOneCheck) {
   const std::pair<std::vector<double>, std::vector<double>> cases[] = {
-      {{10.0, 10.2}, {10.5}},
-      {{10.0, 10.7}, {10.5, 11.2}},
       {{3.0, 3.001, 3.002, 3.003, 3.49}, {3.5}},  // a save is a burst: temporary file, writes, rename
       {{0.0, 0.3, 0.6, 0.9}, {0.5, 1.1}},         // the window runs from the last accepted change
       {{0.0, 0.5}, {0.5, 1.0}},                   // exactly one interval later is a new burst
@@ -30,10 +28,10 @@ TEST(McpWatch, EveryKindOfChangeInTheFolderGetsExactlyOneCheck) {
   auto watch = ConfigWatch::start(folder.string(), [&] { ++checks; }, 0.1);  // creates the folder
   ASSERT_TRUE(watch);
   // Each change is made once the previous one's check came; a burst that
-  // gave more than one check would overshoot the count waited for.
+  // gave more than one check would overshoot the count waited for. An edit
+  // in place is the end-to-end test's.
   const std::vector<std::function<void()>> changes = {
       [&] { ASSERT_TRUE(writeFileAtomically((folder / "config.json").string(), "{}").ok); },
-      [&] { writeText(folder / "config.json", "{\"a\":2}"); },
       [&] { writeText(folder / "unrelated.txt", "x"); },
       [&] { std::filesystem::rename(folder / "unrelated.txt", folder / "renamed.txt"); },
       [&] { std::filesystem::remove(folder / "renamed.txt"); },
