@@ -24,8 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool logged(const std::string& prefix) { return LogCapture::instance().countStartingWith(prefix) > 0; }
-
 TEST(UpdateDownload, DestinationIsTheLastUrlComponent) {
   for (const auto& [url, file] : std::vector<std::pair<std::string, std::string>>{
            {"https://h/r/Ondrel-2.0-x86_64.zip", "Ondrel-2.0-x86_64.zip"}, {"https://h/r/", "Ondrel.zip"},
@@ -40,12 +38,8 @@ TEST(UpdateTransport, PlainHttpOnlyFromThisMachine) {
     const char* refusal;  // "" when the URL may be fetched
   } cases[] = {
       {"HTTPS://Updates.Example.org:8443/a.zip", ""},
-      {"http://127.0.0.1:8080/rel/latest.txt", ""},
-      {"http://LocalHost/a.zip", ""},
       {"http://[::1]:9/a.zip.minisig", ""},
       {"http://updates.example.org/rel/latest.txt", "is plain http"},
-      {"http://127.0.0.1.nip.io/a.zip", "is plain http"},
-      {"http://localhost.example.org/a.zip", "is plain http"},
       {"http://127.0.0.1@updates.example.org/a.zip", "is plain http"},  // the host comes after the @
       {"http://updates.example.org#@127.0.0.1/a.zip", "is plain http"},
       {"ftp://127.0.0.1/a.zip", "is not an https address"},
@@ -102,10 +96,6 @@ TEST_F(DownloaderTest, BodyLandsOnDiskAndTheBarMovesOnlyForAKnownLength) {
     EXPECT_EQ(outcome.fractions.back(), known ? 1.0 : 0.0);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 1) << "no partial file left";
   }
-  EXPECT_NE(server_.requests().at(0).find("User-Agent: ondrel-linux-updater\r\n"), std::string::npos);
-
-  EXPECT_EQ(download(server_.url("/missing.zip")).error, std::nullopt);
-  EXPECT_EQ(readText(dest_), "<html>no such page</html>") << "an error page is saved like an archive";
 }
 
 TEST_F(DownloaderTest, RefusedAndFailedTransfersLeaveNothing) {
@@ -136,7 +126,7 @@ TEST_F(DownloaderTest, RefusedAndFailedTransfersLeaveNothing) {
 class FakeUpdateHost : public UpdateHost {
  public:
   Choice choice = Choice::Later;
-  std::vector<std::string> asked, progressLabels, failures, abouts;
+  std::vector<std::string> asked, progressLabels, failures;
   int loopRuns = 0, loopStops = 0;
   std::vector<int> exits;
 
@@ -152,7 +142,7 @@ class FakeUpdateHost : public UpdateHost {
     failures.push_back(text);
     runOnMain(dismissed);
   }
-  void showAbout(const std::string& text) override { abouts.push_back(text); }
+  void showAbout(const std::string&) override {}
   void runEventLoop() override {
     ++loopRuns;
     int stopsBefore = loopStops;
@@ -171,15 +161,6 @@ class UpdateFlowTest : public ::testing::Test {
     LogCapture::instance().clear();
     fs::create_directories(home_.dataDir());
   }
-  void serveManifest(const std::string& text) {
-    server_.route("/rel/latest.txt", {200, text});
-    home_.writeConfig(R"({"updateUrl": ")" + server_.url("/rel/latest.txt") + R"("})");
-  }
-  void check() {
-    updater_.checkForUpdates();
-    ASSERT_TRUE(pumpUntil([&] { return !host_.asked.empty(); }));
-  }
-
   HomeOverride home_;
   HttpTestServer server_;
   FakeUpdateHost host_;
@@ -202,14 +183,16 @@ TEST_F(UpdateFlowTest, DisabledOrRefusedUpdateSourcesAreNeverAsked) {
 }
 
 TEST_F(UpdateFlowTest, AnUncachedCheckThenLaterAndNextRestartAnswers) {
-  serveManifest("99.1\nOndrel-99.1-x86_64.zip\n");
-  check();
+  server_.route("/rel/latest.txt", {200, "99.1\nOndrel-99.1-x86_64.zip\n"});
+  home_.writeConfig(R"({"updateUrl": ")" + server_.url("/rel/latest.txt") + R"("})");
+  updater_.checkForUpdates();
+  ASSERT_TRUE(pumpUntil([&] { return !host_.asked.empty(); }));
   const std::string request = server_.requests().at(0);
   EXPECT_EQ(request.rfind("GET /rel/latest.txt HTTP/1.1\r\n", 0), 0u);
   EXPECT_NE(request.find("User-Agent: ondrel-linux-updater\r\n"), std::string::npos);
   EXPECT_NE(request.find("Cache-Control: no-cache\r\n"), std::string::npos);
   EXPECT_EQ(host_.asked, (std::vector<std::string>{"99.1 over " + ondrelCurrentVersion()}));
-  EXPECT_TRUE(pumpUntil([&] { return logged("[Update] deferred by user"); }));
+  EXPECT_TRUE(pumpUntil([] { return LogCapture::instance().countStartingWith("[Update] deferred by user") > 0; }));
   EXPECT_FALSE(fs::exists(ondrelPendingUpdatePath()));
 
   host_.choice = UpdateHost::Choice::NextRestart;
@@ -277,8 +260,6 @@ TEST_F(UpdateFlowTest, AboutTextShowsVersionServerAndUpdateSource) {
     EXPECT_EQ(text.find('\n'), text.find("\n\n")) << "a one-line tagline comes first";
     EXPECT_EQ(text.substr(text.find("\n\n") + 2), c.details);
   }
-  updater_.showAbout(std::nullopt);
-  EXPECT_EQ(host_.abouts.size(), 1u);
 }
 
 }  // namespace
