@@ -9,7 +9,7 @@ import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
-from harness import SERVICE_DOMAIN, descendants
+from harness import SERVICE_DOMAIN
 
 ROOT = Path(__file__).resolve().parents[2]
 # The product compiles in unity batches: a release build takes a fraction of the time.
@@ -60,19 +60,3 @@ def make_releases(out: Path, *versions: str) -> list[Release]:
             raise RuntimeError(f"make-release {version} failed:\n{result.stdout[-4000:]}")
     return [Release(version, out / version) for version in versions]
 
-
-def processes_running(executable: Path) -> list[int]:
-    def exe(entry):
-        try:
-            return os.readlink(f"/proc/{entry}/exe")
-        except OSError:
-            return None
-    return [int(e) for e in os.listdir("/proc") if e.isdigit() and exe(e) == str(executable)]
-
-
-def kill_tree(pid: int):
-    for p in [pid, *descendants(pid)]:
-        try:
-            os.kill(p, 9)
-        except (ProcessLookupError, PermissionError):
-            pass

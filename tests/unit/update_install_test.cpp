@@ -83,8 +83,9 @@ std::string withLine(const std::string& text, size_t index, const std::string& l
 // output. Keys have no password (-W).
 class MinisignTool {
  public:
-  void makeKey(const std::string& name) {
-    run("minisign -G -W -f -p '" + path(name) + ".pub' -s '" + path(name) + ".key' >/dev/null");
+  explicit MinisignTool(std::initializer_list<std::string> keys) {
+    for (const std::string& name : keys)
+      run("minisign -G -W -f -p '" + path(name) + ".pub' -s '" + path(name) + ".key' >/dev/null");
   }
   // The base64 line of the public key, as a build is configured with.
   std::string keyLine(const std::string& name) const { return lineOf(readText(path(name) + ".pub"), 1); }
@@ -109,10 +110,9 @@ class MinisignTool {
 };
 
 TEST(ZipSignature, PkWithThreeFiveOrSevenOfAtLeastFourBytes) {
-  using namespace std::string_literals;
   for (const auto& [head, zip] : std::vector<std::pair<std::string, bool>>{
-           {"PK\x03\x04"s, true}, {"PK\x05\x06"s, true}, {"PK\x07\xff"s, true},
-           {"PK\x01\x02"s, false}, {"pk\x03\x04"s, false}, {"PK\x03"s, false}})
+           {"PK\x03\x04", true}, {"PK\x05\x06", true}, {"PK\x07\xff", true},
+           {"PK\x01\x02", false}, {"pk\x03\x04", false}, {"PK\x03", false}})
     EXPECT_EQ(ondrelHasZipSignature(head, head.size()), zip) << head;
   TempDir dir;
   for (const fs::path& unreadable : {dir.path() / "missing", dir.path()})
@@ -184,14 +184,10 @@ TEST(SwapScript, TheInstalledAppDirIsDeletedOnlyOnceTheNewOneIsInItsPlace) {
       writeText(where / "AppRun", std::string("#!/bin/sh\necho ") + who + " >> \"$STARTED\"\n");
       fs::permissions(where / "AppRun", fs::perms::owner_all);
     }
-    if (c.leftovers) {
-      writeText(fs::path(bak) / "usr/bin/ondrel", "stale");
-      writeText(fs::path(next) / "usr/bin/ondrel", "stale");
-    }
-    pid_t gone = fork();  // an ended process: the script finds the app gone
-    if (gone == 0) _exit(0);
-    waitpid(gone, nullptr, 0);
-    writeText(dir.path() / "swap.sh", ondrelSwapScriptText(app, staged, log, gone));
+    if (c.leftovers)
+      for (const std::string& left : {bak, next}) writeText(fs::path(left) / "usr/bin/ondrel", "stale");
+    // No process has that id (it is above any pid_max): the script finds the app gone.
+    writeText(dir.path() / "swap.sh", ondrelSwapScriptText(app, staged, log, 0x7fffffff));
     setenv("FAIL_MV_FROM", c.failFrom.c_str(), 1);
     const int status = std::system(("PATH='" + bin.string() + "':$PATH /bin/sh '" + dir.path().string() +
                                     "/swap.sh'").c_str());
@@ -239,10 +235,8 @@ TEST(SafeExtract, NothingIsWrittenOutsideTheStagingFolder) {
 // Signatures made by the minisign tool itself with fresh keys: one
 // reference implementation checks the other.
 TEST(Minisign, VerdictsTable) {
-  MinisignTool tool;
+  MinisignTool tool({"a", "b"});
   TempDir dir;
-  tool.makeKey("a");
-  tool.makeKey("b");
   const std::string keyA = tool.keyLine("a"), idA = tool.keyId("a"), idB = tool.keyId("b");
   const fs::path archive = dir.path() / "Ondrel-2.0.0-x86_64.zip", tampered = dir.path() / "t.zip",
                  empty = dir.path() / "e";
@@ -313,23 +307,6 @@ TEST(Minisign, VerdictsTable) {
   }
 }
 
-TEST(UpdateSignature, TrustedCommentMustNameTheVersionAsAField) {
-  const struct {
-    const char *comment, *version;
-    bool names;
-  } cases[] = {
-      {"timestamp:1700000000\tfile:Ondrel-2.0.0-x86_64.zip\tversion:2.0.0", "2.0.0", true},
-      {"version:2.0.0 file:a.zip", "2.0.0", true},       {"version:2.0.0.1", "2.0.0", false},
-      {"version:12.0.0", "2.0.0", false},                {"myversion:2.0.0", "2.0.0", false},
-      {"file:Ondrel-2.0.0-x86_64.zip", "2.0.0", false},  {"version:", "", false},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(ondrelTrustedCommentNamesVersion(c.comment, c.version), c.names) << c.comment << " / " << c.version;
-
-  EXPECT_EQ(ondrelSignatureUrl("https://h/r/Ondrel-2.0-x86_64.zip"), "https://h/r/Ondrel-2.0-x86_64.zip.minisig");
-  EXPECT_EQ(ondrelSignatureUrl("https://h/r/a.zip?token=1#x"), "https://h/r/a.zip.minisig?token=1#x");
-}
-
 // The file work of an install, end to end on disk.
 class PrepareInstallTest : public ::testing::Test {
  protected:
@@ -392,19 +369,19 @@ TEST_F(PrepareInstallTest, RefusedArchivesWriteNoSwapScript) {
 }
 
 // A build with a key unpacks only an archive whose signature, fetched from
-// beside it, verifies and names the offered version; anything else is
-// deleted unopened.
+// beside it, verifies and names the offered version as a field of its
+// trusted comment; anything else is deleted unopened.
 TEST_F(PrepareInstallTest, SignedBuildsUnpackOnlyArchivesSignedForTheOfferedVersion) {
-  MinisignTool tool;
-  tool.makeKey("release");
+  MinisignTool tool({"release"});
   HttpTestServer server;
   const struct {
     std::string comment;  // signed into the trusted comment; "" serves no signature
-    std::string reason;   // "" when it installs
+    bool installs;
+    std::string version = "2.0";
   } cases[] = {
-      {"timestamp:1\tfile:Ondrel-2.0-x86_64.zip\tversion:2.0", ""},
-      {"", "its signature " + server.url("/r/a.zip.minisig") + " could not be fetched (HTTP 404)"},
-      {"version:1.0", "its signature is for another release (trusted comment “version:1.0”), not for version 2.0"},
+      {"timestamp:1\tfile:Ondrel-2.0-x86_64.zip\tversion:2.0", true}, {"version:2.0 file:a.zip", true},
+      {"", false}, {"version:1.0", false}, {"version:2.0.1", false}, {"version:12.0", false},
+      {"myversion:2.0", false}, {"file:Ondrel-2.0-x86_64.zip", false}, {"version:", false, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.comment);
@@ -413,11 +390,17 @@ TEST_F(PrepareInstallTest, SignedBuildsUnpackOnlyArchivesSignedForTheOfferedVers
     server.route("/r/a.zip.minisig", c.comment.empty()
                                          ? HttpTestServer::Reply{404, "<html>gone</html>"}
                                          : HttpTestServer::Reply{200, tool.sign("release", zip, c.comment)});
-    auto plan = ondrelPrepareInstall(zip, exe_, {tool.keyLine("release"), "2.0", server.url("/r/a.zip.minisig")});
-    EXPECT_EQ(plan.failure, c.reason.empty() ? "" : ondrelUnverifiedText(c.reason));
-    EXPECT_EQ(fs::exists(ondrelStageDir()), c.reason.empty()) << "nothing is unpacked";
-    EXPECT_EQ(fs::exists(zip), c.reason.empty()) << "the download is deleted";
+    const std::string reason =
+        c.comment.empty() ? "its signature " + server.url("/r/a.zip.minisig") + " could not be fetched (HTTP 404)"
+                          : "its signature is for another release (trusted comment “" + c.comment +
+                                "”), not for version " + c.version;
+    auto plan = ondrelPrepareInstall(zip, exe_, {tool.keyLine("release"), c.version, server.url("/r/a.zip.minisig")});
+    EXPECT_EQ(plan.failure, c.installs ? "" : ondrelUnverifiedText(reason));
+    EXPECT_EQ(fs::exists(ondrelStageDir()), c.installs) << "nothing is unpacked";
+    EXPECT_EQ(fs::exists(zip), c.installs) << "the download is deleted";
   }
+  EXPECT_EQ(ondrelSignatureUrl("https://h/r/Ondrel-2.0-x86_64.zip"), "https://h/r/Ondrel-2.0-x86_64.zip.minisig");
+  EXPECT_EQ(ondrelSignatureUrl("https://h/r/a.zip?token=1#x"), "https://h/r/a.zip.minisig?token=1#x");
 }
 
 }  // namespace
