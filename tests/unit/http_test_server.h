@@ -1,16 +1,12 @@
 #pragma once
 
 // A one-thread HTTP/1.1 server on 127.0.0.1 for tests: each path answers
-// with a fixed status and body, with or without a Content-Length, and
-// optionally a Location. It keeps the request heads it got.
+// with a fixed reply, any other with a 404 page. It keeps the request heads.
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -35,8 +31,9 @@ class HttpTestServer {
     port_ = ntohs(addr.sin_port);
     thread_ = std::thread([this] { serve(); });
   }
+  // A listening socket shut down ends the accept the thread waits in.
   ~HttpTestServer() {
-    stop_ = true;
+    shutdown(fd_, SHUT_RDWR);
     thread_.join();
     close(fd_);
   }
@@ -53,10 +50,7 @@ class HttpTestServer {
 
  private:
   void serve() {
-    while (!stop_) {
-      pollfd p{fd_, POLLIN, 0};
-      int client = poll(&p, 1, 50) > 0 ? accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-      if (client < 0) continue;
+    for (int client; (client = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(client)) {
       std::string head;
       char buf[4096];
       for (ssize_t n; head.find("\r\n\r\n") == std::string::npos && (n = read(client, buf, sizeof buf)) > 0;)
@@ -73,15 +67,12 @@ class HttpTestServer {
       if (!reply.location.empty()) out += "Location: " + reply.location + "\r\n";
       if (reply.sendLength) out += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
       out += "\r\n" + reply.body;
-      for (ssize_t sent = 0, n = 0; sent < static_cast<ssize_t>(out.size()); sent += n)
-        if ((n = send(client, out.data() + sent, out.size() - sent, MSG_NOSIGNAL)) <= 0) break;
-      close(client);
+      send(client, out.data(), out.size(), MSG_NOSIGNAL);  // blocks until all is sent or the client is gone
     }
   }
 
   int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int port_ = 0;
-  std::atomic<bool> stop_{false};
   mutable std::mutex mutex_;
   std::map<std::string, Reply> routes_;
   std::vector<std::string> requests_;
