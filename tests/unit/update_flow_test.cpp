@@ -46,9 +46,8 @@ TEST(UpdateTransport, PlainHttpOnlyFromThisMachine) {
 }
 
 // Records what the updater asks of the UI. Like a user, it answers the
-// alerts later, from the main loop. The process-level steps stay the real
-// ones: no archive here installs, and an update that failed yet went on to
-// exit would end the test run.
+// alerts later, from the main loop. No archive here installs, so swapping
+// or exiting is a fault (a real exit would end the test as if it passed).
 class FakeUpdateHost : public UpdateHost {
  public:
   Choice choice = Choice::Later;
@@ -74,6 +73,11 @@ class FakeUpdateHost : public UpdateHost {
     pumpUntil([&] { return loopStops > stopsBefore; }, 20);
   }
   void stopEventLoop() override { ++loopStops; }
+  bool launchSwapScript(const std::string& script) override {
+    ADD_FAILURE() << "swap " << script;
+    return false;
+  }
+  void exitProcess(int status) override { ADD_FAILURE() << "exit " << status; }
 };
 
 // The check → choice → download → install path against a real socket, with
