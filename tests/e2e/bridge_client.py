@@ -83,12 +83,6 @@ class BridgeClient:
         self.app = app
         return self
 
-    @classmethod
-    def launched(cls, launch, web) -> tuple["BridgeClient", object]:
-        client = cls(web)
-        client.attach(launch(client.url)).wait_ready()
-        return client, client.app
-
     def _mine(self, extra=lambda d: True):
         return lambda d: d.get("ch") == self.name and extra(d)
 

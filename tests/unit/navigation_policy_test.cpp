@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "bridge_fakes.h"
+#include <string>
 
 namespace {
 
@@ -43,13 +43,6 @@ TEST(NavigationPolicy, NewWindowsNeverOpenInTheApp) {
       {"", D::Ignore},
   };
   for (const auto& c : cases) EXPECT_EQ(newWindowDecision(c.url, kHost), c.decision) << c.url;
-}
-
-TEST_F(BridgeTest, OpeningExternallyIsLoggedAndHandedToTheBrowser) {
-  bridge_.openExternally("https://example.org/a?b=c");
-  EXPECT_EQ(host_.opened, std::vector<std::string>{"https://example.org/a?b=c"});
-  EXPECT_EQ(LogCapture::instance().lines(),
-            std::vector<std::string>{"[External] opened in browser: https://example.org/a?b=c"});
 }
 
 }  // namespace
