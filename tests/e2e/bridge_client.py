@@ -1,6 +1,6 @@
 """The page's side of the bridge for tests: pages/bridge.html long-polls for commands (post bodies, run
 code, navigate), which go to the channel's newest poll and are kept until seen done, so none is lost to a
-reload or a hung poll. A string reply longer than 64 KiB comes back as a Digest."""
+reload or a hung poll."""
 
 from __future__ import annotations
 
@@ -19,16 +19,9 @@ _ids = itertools.count(1)
 
 
 @dataclass(frozen=True)
-class Digest:
-    length: int  # characters of the reply string
-    size: int    # bytes after decoding (Base64 for readFileBase64, UTF-8 otherwise)
-    sha256: str
-
-
-@dataclass(frozen=True)
 class Reply:
     ok: bool
-    value: Any   # the JSON value, or a Digest for a long string
+    value: Any
     raw: dict    # the whole report: reqIdType, okType, argc, valueType...
 
     @property
@@ -142,8 +135,4 @@ class BridgeClient:
 
     @staticmethod
     def _reply(data: dict) -> Reply:
-        s = data.get("summary")
-        if s is not None:
-            assert "error" not in s, f"the page could not digest the reply: {s['error']}"
-        value = Digest(s["length"], s["size"], s["sha256"]) if s else data.get("value")
-        return Reply(data.get("ok") == 1, value, data)
+        return Reply(data.get("ok") == 1, data.get("value"), data)

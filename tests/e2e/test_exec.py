@@ -76,12 +76,6 @@ def start(launch, web, tmp_path, request):
         shutil.rmtree(home.parent, ignore_errors=True)
 
 
-def run(bridge, command: str, directory: str = "~"):
-    reply = bridge.wait_reply(bridge.request("exec", directory, command), 60)
-    assert reply.ok, f"exec failed: {reply.value!r}"
-    return reply.value
-
-
 def test_commands_run_side_by_side(start):
     bridge = start()
     # Each waits (boundedly) for the other's mark: both succeed only side by side.
@@ -105,11 +99,8 @@ SANDBOX = {
         t beside_tmpdir touch OUTSIDE/NAME
         t etc touch /etc/NAME
         t sys sh -c 'echo 1 > /sys/kernel/mm/ksm/run'
-        for s in kernel/core_pattern kernel/modprobe kernel/hostname; do
-          [ -r /proc/sys/$s ] || { echo "$s: failed"; continue; }
-          v=$(cat /proc/sys/$s)
-          t "$s" sh -c "printf '%s\\n' '$v' > /proc/sys/$s"
-        done
+        v=$(cat /proc/sys/kernel/core_pattern)  # written back as it is, should the write go through
+        t core_pattern sh -c "printf '%s\\n' '$v' > /proc/sys/kernel/core_pattern"
         t sysrq sh -c 'echo > /proc/sysrq-trigger'
     '''),
     "tmpdir-of-root": ((), {"TMPDIR": "/"}, "~", '''
@@ -131,17 +122,14 @@ SANDBOX = {
         echo plain > "$HOME/plain"; mkdir "$HOME/folder"; o="$HOME/plain"
         for target in "$k" "$o"; do
           [ "$target" = "$k" ] && p= || p=control_
-          t ${p}chmod chmod 644 "$target"
           t ${p}write sh -c "echo changed > $target"
           t ${p}via_proc_self sh -c "echo x > /proc/self/root$target"
-          t ${p}hard_link ln "$target" "$HOME/linked-$p"
           t ${p}rename_file mv "$target" "$HOME/moved-$p"
         done
         t remove rm -f "$k"
         t rename_folder mv "$HOME/.ssh" "$HOME/ssh-away"
         t control_rename_folder mv "$HOME/folder" "$HOME/folder-away"
         t remount mount -o remount,rw "$HOME/.ssh"
-        t bind_over mount --bind /tmp "$HOME/.ssh"
         t umount umount -l "$HOME/.ssh"
         t new_userns unshare -Ur true
         t new_mountns unshare -m true
@@ -149,29 +137,23 @@ SANDBOX = {
     "runs-later": ({".bashrc": "# mine\n", "hooks": None, "xdg/mimeapps.list": "[Default Applications]\n",
                     ".config/ondrel/config.json": json.dumps({"sandboxReadOnly": ["~/hooks"]})},
                    {"XDG_CONFIG_HOME": "HOME/xdg"}, "~", f'''
-        cd "$HOME"; mkdir -p .config/other .local/share/other
+        cd "$HOME"; mkdir -p .config/other
         t settings sh -c 'echo "{{}}" > .config/ondrel/config.json'
         t control_settings sh -c 'echo "{{}}" > .config/other/config.json'
-        t data touch .local/share/ondrel/pending-update.json
-        t control_data touch .local/share/other/pending-update.json
         t appdir touch {APPDIR}/usr/bin/planted
         t control_appdir touch Applications/beside
-        t autostart touch .config/autostart/run.desktop
         t xdg_mimeapps sh -c 'echo planted >> xdg/mimeapps.list'
-        t control_config touch .config/other/run.desktop xdg/other.conf
+        t control_xdg touch xdg/other.conf
         t startup sh -c 'echo planted >> .bashrc'
         t startup_replace rm -f .bashrc
         t control_startup sh -c 'echo planted >> .bashrc.old'
         t user_added touch hooks/planted
         t control_user_added sh -c 'mkdir hooks2 && touch hooks2/planted'
     '''),
-    "working-directory-linked-to-ssh": ({"dotfiles/ssh_config": "Host *\n", ".ssh/config": Path("dotfiles/ssh_config"),
-                                         "keys": Path(".ssh"), ".gnupg/sub": None},
-                                        {"DBUS_SESSION_BUS_ADDRESS": "BUS"}, "~/keys", '''
+    "working-directory-linked-to-ssh": ({".ssh": None, "keys": Path(".ssh")}, {"DBUS_SESSION_BUS_ADDRESS": "BUS"},
+                                        "~/keys", '''
         t cwd touch ./authorized_keys
-        t gnupg_sub touch "$HOME/.gnupg/sub/planted"
-        t ssh_config_target sh -c 'echo "ProxyCommand planted" >> "$HOME/.ssh/config"'
-        t control_dotfiles sh -c 'echo "# mine" >> "$HOME/dotfiles/other"'
+        t control_home touch "$HOME/authorized_keys"
         t bus dbus-send --bus=BUS --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
             org.freedesktop.DBus.ListNames
         t bus_by_default dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
@@ -187,11 +169,8 @@ SANDBOX = {
           t ${p}ptrace $PY -c "$PT" $pid
           t ${p}mem $PY -c "open('/proc/$pid/mem', 'r+b')"
           t ${p}root ls /proc/$pid/root/
-          t ${p}environ cat /proc/$pid/environ
         done
         kill $own
-        t app_root_write touch /proc/APP/root/var/tmp/ondrel-e2e-proc-escape
-        t app_ssh sh -c 'echo x > /proc/APP/root$HOME/.ssh/known_hosts'
         t app_cwd touch /proc/APP/cwd/escape
         t app_fd sh -c 'for f in /proc/APP/fd/*; do [ -e "$f" ] && exit 0; done; exit 1'
         t init_root ls /proc/1/root/
@@ -199,7 +178,7 @@ SANDBOX = {
         t fds_beyond_the_standard_three sh -c '[ "$(tr "\n" " " < "$HOME/fds.out")" != "0 1 2 " ]'
     '''),
 }
-LOOPED = {"system": 2, "ssh-key": 5, "other-processes": 4}  # reports of loops beyond one per "t" line
+LOOPED = {"ssh-key": 3, "other-processes": 3}  # reports of loops beyond one per "t" line
 
 
 @pytest.fixture
@@ -242,7 +221,8 @@ def test_the_sandbox_holds(start, outside, session_bus, web, screen, case):
                                                 "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                 "org.freedesktop.DBus.ListNames"]), check=True, capture_output=True)
     try:
-        value = run(bridge, PROBE + probes.replace("APP", str(bridge.app.pid)), directory)
+        ok, value = bridge.wait_reply(bridge.request("exec", directory, PROBE + probes.replace(
+            "APP", str(bridge.app.pid))), 60).pair
         shared_tmp = Path("/tmp", name).exists()  # the command's /tmp is the real one
     finally:
         for leftover in ("/etc", "/tmp", "/var/tmp"):
@@ -251,7 +231,7 @@ def test_the_sandbox_holds(start, outside, session_bus, web, screen, case):
             if verdict in ("failed", "succeeded")}
     wrong = {label: verdict for label, verdict in seen.items()
              if verdict != ("succeeded" if label.startswith("control") else "failed")}
-    assert seen and not wrong, f"unexpected outcomes: {wrong}; {value}"
+    assert ok and seen and not wrong, f"unexpected outcomes: {wrong}; {value}"
     assert len(seen) == len([line for line in probes.splitlines() if line.strip().startswith("t ")]) + \
         LOOPED.get(case, 0), f"attempts that did not report: {value}"
     assert shared_tmp == ("control_tmp" in seen)

@@ -25,18 +25,11 @@ class FakeHost : public BridgeHost {
                                std::function<void(const std::string&, const std::string&)> done) override {
     done(script.find("Object.keys") != std::string::npos ? "NO __ondrel" : "undefined", "");
   }
-  void pickDirectory(const std::optional<std::string>& message,
-                     std::function<void(std::optional<std::string>)> done) override {
-    pickMessages.push_back(message);
-    pickDone = std::move(done);
-  }
-  void setChromeScrim(const std::optional<ScrimColor>& color) override { scrims.push_back(color); }
+  void pickDirectory(const std::optional<std::string>&, std::function<void(std::optional<std::string>)>) override {}
+  void setChromeScrim(const std::optional<ScrimColor>&) override {}
   void openInBrowser(const std::string&) override {}
 
   std::vector<std::string> scripts;
-  std::vector<std::optional<std::string>> pickMessages;
-  std::vector<std::optional<ScrimColor>> scrims;
-  std::function<void(std::optional<std::string>)> pickDone;
 };
 
 // The instance origin every test bridge is made for, and the guard that

@@ -92,7 +92,7 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
       {"ls /proc/$$/fd", 0, "0\n1\n2\n", ""},
       {"cat; echo read-nothing >&2", 0, "", "read-nothing\n"},
       // Both past the limit and drained to the end; a character straddling the limit is dropped whole.
-      {"head -c 300M /dev/zero; head -c 17M /dev/zero >&2; exit 4", 4, std::string(limit, '\0'),
+      {"head -c 200M /dev/zero; head -c 17M /dev/zero >&2; exit 4", 4, std::string(limit, '\0'),
        std::string(limit, '\0'), true, true},
       {"head -c " + std::to_string(limit - 1) + " /dev/zero; printf '\\303\\251after'", 0,
        std::string(limit - 1, '\0'), "", true},
