@@ -1,4 +1,3 @@
-#include <glib.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>

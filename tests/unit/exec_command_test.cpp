@@ -35,9 +35,8 @@ class ExecTest : public ::testing::Test {
 };
 
 TEST(ExecArguments, BadArgumentsAreRefusedAtOnce) {
-  for (const Json& args : {Json::array(), Json::array({"/tmp"}), Json::array({"/tmp", 42}),
-                           Json::array({"/tmp", nullptr}), Json::array({42, "true"}),
-                           Json::array({Json::array({"/tmp"}), "true"}), Json::object({{"dir", "/tmp"}})}) {
+  for (const Json& args : {Json::array(), Json::array({"/tmp", 42}), Json::array({42, "true"}),
+                           Json::object({{"dir", "/tmp"}, {"command", "true"}})}) {
     std::optional<std::pair<bool, Json>> reply;
     execCommand(args, [&](bool ok, const Json& value) { reply = {ok, value}; });
     ASSERT_TRUE(reply) << "answered before returning: " << args.dump();

@@ -51,10 +51,8 @@ TEST(ScriptBatch, FirstOfATurnGoesAtOnceTheRestTogetherInOrderLargeOnesAlone) {
     size_t atOnce;  // evaluations before the turn ends
     std::vector<Scripts> runs;
   } cases[] = {
-      {{a}, 1, {{a}}},
       {{a, b, c, a}, 1, {{a}, {b, c, a}}},
       {{a, big, b, c}, 2, {{a}, {big}, {b, c}}},
-      {{big, big}, 2, {{big}, {big}}},
       {{a, b, big, c}, 3, {{a}, {b}, {big}, {c}}},
   };
   for (const auto& c : cases) {
