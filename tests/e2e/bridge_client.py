@@ -129,10 +129,6 @@ class BridgeClient:
     def invokes(self, since: int = 0) -> list[dict]:
         return [r.data for r in self.web.reports("invoke", since, self._mine())]
 
-    def wait_invoke(self, handler: str, since: int = 0, timeout: float = 20) -> dict:
-        return self.web.wait_for_report("invoke", timeout, since,
-                                        self._mine(lambda d: d.get("handler") == handler)).data
-
     @staticmethod
     def _reply(data: dict) -> Reply:
         return Reply(data.get("ok") == 1, data.get("value"), data)

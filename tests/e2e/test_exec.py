@@ -31,12 +31,6 @@ PY=/usr/bin/python3
 APPDIR = "Applications/Ondrel.AppDir"
 
 
-def world_readable_folder() -> Path:  # pytest's own folder is private to root
-    base = Path(tempfile.mkdtemp(prefix="ondrel-e2e-"))
-    os.chmod(base, 0o755)
-    return base
-
-
 def as_app_user(user, argv):
     return ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", "--", *argv] if user else argv
 
@@ -48,7 +42,8 @@ def start(launch, web, tmp_path, request):
     user = request.param == "nobody"
     if user and not IS_ROOT:
         pytest.skip("running as another user needs root")
-    home = (world_readable_folder() if user else tmp_path) / "home"
+    home = (Path(tempfile.mkdtemp(prefix="ondrel-e2e-")) if user else tmp_path) / "home"
+    os.chmod(home.parent, 0o755)  # pytest's own folder is private to root
 
     def _start(tree=(), env=None, binary=None) -> BridgeClient:
         if binary:
@@ -177,30 +172,23 @@ def outside():  # world-writable, outside home and the temporary folders: only t
     (path / "tmpdir").mkdir(parents=True)
     for folder in (path, path / "tmpdir"):
         os.chmod(folder, 0o1777)
-    yield path
+    with socket.socket(socket.AF_UNIX) as bus:  # where a session bus would listen
+        bus.bind(str(path / "bus"))
+        yield path
     shutil.rmtree(path, ignore_errors=True)
 
 
-@pytest.fixture
-def bus():  # where a session bus would listen
-    base = world_readable_folder()
-    with socket.socket(socket.AF_UNIX) as listening:
-        listening.bind(str(base / "bus"))
-        yield str(base / "bus")
-    shutil.rmtree(base, ignore_errors=True)
-
-
 @pytest.mark.parametrize("case", SANDBOX)
-def test_the_sandbox_holds(start, outside, bus, web, screen, case):
+def test_the_sandbox_holds(start, outside, web, screen, case):
     tree, env, directory, probes = SANDBOX[case]
     name = f"ondrel-e2e-{uuid.uuid4().hex[:8]}"
     fill = {"OUTSIDE": str(outside), "NAME": name, "WEB": web.url("report.js"), "XDISPLAY": screen.display,
-            "SOCKETNUM": screen.display.lstrip(":"), "BUS": bus, "HOME": str(start.home)}
+            "SOCKETNUM": screen.display.lstrip(":"), "BUS": f"{outside}/bus", "HOME": str(start.home)}
     for key, value in fill.items():
         env = {k: v.replace(key, value) for k, v in env.items()}
         probes = probes.replace(key, value) if key != "HOME" else probes
     bridge = start(tree, env, f"{APPDIR}/usr/bin/ondrel" if case == "runs-later" else None)
-    subprocess.run(as_app_user(start.user, ["test", "-S", bus]), check=True)  # the bus's control, outside
+    subprocess.run(as_app_user(start.user, ["test", "-S", f"{outside}/bus"]), check=True)  # the bus's control
     try:
         reply = bridge.wait_reply(bridge.request("exec", directory, PROBE + probes.replace(
             "APP", str(bridge.app.pid))), 60)

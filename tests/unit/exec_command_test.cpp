@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -25,6 +24,10 @@ long peakKiB() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
+}
+
+bool privateMode(const fs::path& path) {
+  return (fs::symlink_status(path).permissions() & fs::perms::all) == fs::perms::owner_all;
 }
 
 class ExecTest : public ::testing::Test {
@@ -135,12 +138,8 @@ TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
 TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRefused) {
   const fs::path h = home_.path();
   ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
-  for (const char* name : {".ssh", ".gnupg"}) {
-    struct stat st {};
-    ASSERT_EQ(lstat((h / name).c_str(), &st), 0) << name;
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0700u) << name;
-  }
+  for (const char* name : {".ssh", ".gnupg"})
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(h / name)) && privateMode(h / name)) << name;
   writeText(h / ".ssh/authorized_keys", "key");
   writeText(h / ".gnupg/private-keys-v1.d/k.key", "secret");
   writeText(h / "dotfiles/ssh_config", "Host *\n");
@@ -181,9 +180,7 @@ TEST_F(ExecTest, ReadOnlyPlanMakesMissingFoldersAndRefusesWhatACommandCouldRedir
   std::vector<std::string> binds;
   ASSERT_EQ(prepareReadOnlyPaths(plan, binds), std::nullopt);
   EXPECT_EQ(binds, (std::vector<std::string>{(h / ".config/systemd/user").string(), (h / ".bashrc").string()}));
-  struct stat st {};
-  ASSERT_EQ(lstat((h / ".config/systemd/user").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_TRUE(privateMode(h / ".config/systemd/user"));
   EXPECT_FALSE(fs::exists(h / ".zshrc")) << "a missing start-up file would shadow another";
 
   const std::pair<std::function<void()>, const char*> cases[] = {
