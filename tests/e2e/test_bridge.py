@@ -5,7 +5,6 @@ The instance is the bridge page on 127.0.0.1:<port>; "another host" is localhost
 "another origin" is the same pages from a second server.
 """
 
-import base64
 import hashlib
 import json
 import os
@@ -42,14 +41,12 @@ def bridge(module_launch, web):
 
 def test_replies_reach_the_page_whole(bridge, tmp_path):
     odd = "Gr\u00fc\u00dfe \"q\" it's \\ </script>\n\t\u2028\u0001 \U0001F600"
-    note, data = tmp_path / "new" / "note.txt", bytes(range(256))
-    (tmp_path / "binary").write_bytes(data)
+    note = tmp_path / "new" / "note.txt"
     # The page's own request ids, quotes and all; a number comes back as its text.
     cases = [
         (7, "writeFile", [str(note), odd], OK),
-        ("a'b \"c\" \\ d\ne\r", "readFile", [str(note)], odd),
-        ("", "readFileBase64", [str(tmp_path / "binary")], base64.b64encode(data).decode()),
-        ("\u00fcbung", "getProjectDirs", [], {}),
+        ("a'b \"c\" \\ d\ne\r\u00fc", "readFile", [str(note)], odd),
+        ("", "getProjectDirs", [], {}),
     ]
     mark = bridge.web.mark()
     bridge.post(*[{"__reqId": rid, "name": name, "args": args} for rid, name, args, _ in cases])

@@ -3,7 +3,6 @@
 // A window stand-in for the bridge and a reader of the reply expressions it
 // evaluates, shared by the bridge test files.
 
-#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -64,10 +63,6 @@ inline std::optional<Reply> parseReply(const std::string& script) {
 class BridgeTest : public ::testing::Test {
  protected:
   void SetUp() override { LogCapture::instance().clear(); }
-  void TearDown() override {
-    std::error_code ignored;
-    for (const auto& path : played_) std::filesystem::remove(path, ignored);
-  }
 
   // Runs one action and returns its single reply, which comes at once or,
   // for work off the main thread, by way of the main loop.

@@ -12,16 +12,13 @@
     return report(kind, Object.assign({ ch: ch, inst: inst, host: location.host }, data || {}));
   }
 
-  function postToNative(body) {
-    window.webkit.messageHandlers.ondrel.postMessage(body);
-  }
-
   if (!bare) {
     window.__ondrel = {
       // The probe's "greet" is the only call the app makes.
       invoke: function (id, handler, ...args) {
         send('invoke', { id: id, handler: handler, args: args });
-        postToNative({ __bridgeId: id, ok: true, value: 'hello ' + args.join(' ') });
+        const answer = { __bridgeId: id, ok: true, value: 'hello ' + args.join(' ') };
+        window.webkit.messageHandlers.ondrel.postMessage(answer);
       },
       __resolve: function (reqId, ok, value) {
         send('reply', { reqId: reqId, reqIdType: typeof reqId, ok: ok, okType: typeof ok, argc: arguments.length,
@@ -37,15 +34,6 @@
   // fetch hanging after a navigation turned into a download) and is replaced; the server keeps the
   // command until the test has seen it done, so nothing is lost.
   const POLL_GIVE_UP_MS = 4000;
-
-  async function perform(cmd) {
-    if (cmd.op === 'post') {
-      for (const body of cmd.bodies) postToNative(body);
-    } else if (cmd.op === 'run') {
-      return await new AsyncFunction(cmd.code)();
-    }
-    return null;  // navigate: after the report, below
-  }
 
   async function poll() {
     let n = 0;
@@ -68,11 +56,11 @@
       lastDone = cmd.id;
       let result;
       try {
-        result = { ok: true, value: await perform(cmd) };
+        // A navigation happens after the report, below.
+        result = { ok: true, value: cmd.op === 'run' ? await new AsyncFunction(cmd.code)() : null };
       } catch (e) {
         result = { ok: false, error: String(e && e.stack || e) };
       }
-      if (result.value === undefined) result.value = null;
       await send('cmd-done', Object.assign({ id: cmd.id }, result));
       if (cmd.op === 'navigate') location.href = cmd.url;
     }
