@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <regex>
+#include <tuple>
 
 #include "base/log.h"
 #include "bridge_fakes.h"
@@ -26,29 +27,18 @@ std::string callIdOf(const std::string& script) {
 }
 
 // Quotes and escapes, which only a page can judge, the end-to-end test checks.
-TEST_F(BridgeTest, RepliesEchoTheRequestIdAsTextAndTheValueAsJson) {
-  const struct {
-    Json reqId;
-    bool ok;
-    Json value;
-    std::string idText;  // as written between single quotes
-    Json valueOut;
-  } cases[] = {
-      {7.5, true, nullptr, "7.5", nullptr},
-      {true, true, false, "1", false},
-      // Not representable as JSON: null stands in, the flag stays as given.
-      {"bad", false, std::string("\xff\xfe"), "bad", nullptr},
-  };
-  for (const auto& c : cases) {
-    host_.scripts.clear();
-    bridge_.replyToJS(c.reqId, c.ok, c.value);
-    ASSERT_EQ(host_.scripts.size(), 1u);
-    const auto reply = parseReply(host_.scripts[0]);
-    ASSERT_TRUE(reply) << host_.scripts[0];
-    EXPECT_EQ(reply->id, c.idText);
-    EXPECT_EQ(reply->ok, c.ok);
-    EXPECT_EQ(reply->value, c.valueOut);
+TEST_F(BridgeTest, RepliesCarryTheRequestIdsTextTheFlagAndTheValueOrNull) {
+  using Got = std::vector<std::tuple<std::string, bool, Json>>;
+  bridge_.replyToJS(7.5, true, Json::array({1, "two"}));
+  bridge_.replyToJS(true, false, "text");
+  bridge_.replyToJS("bad", true, std::string("\xff\xfe"));  // not representable as JSON: null stands in
+  Got got;
+  for (const auto& script : host_.scripts) {
+    const auto reply = parseReply(script);
+    ASSERT_TRUE(reply) << script;
+    got.emplace_back(reply->id, reply->ok, reply->value);
   }
+  EXPECT_EQ(got, (Got{{"7.5", true, Json::array({1, "two"})}, {"1", false, "text"}, {"bad", true, nullptr}}));
 }
 
 // Storing the call before evaluating it, and the log of the answer, the
@@ -69,24 +59,20 @@ TEST_F(BridgeTest, CallsAreNumberedFromOneWithTheTimeSpreadTheirArgumentsAndWait
 }
 
 TEST_F(BridgeTest, AnswerFlagIsReadAsABooleanAndEachAnswerIsHandledOnce) {
-  const struct {
-    Json answer;
-    std::string line;
-  } cases[] = {
+  const std::pair<Json, std::string> cases[] = {
       {{{"ok", true}}, "[Native->JS] h → (null)"},
       {{{"ok", false}, {"error", "boom"}, {"value", 1}}, "[Native->JS] h ✗ boom"},
       {{{"value", "ignored"}, {"error", "no flag"}}, "[Native->JS] h ✗ no flag"},
       {{{"ok", 0}, {"error", false}}, "[Native->JS] h ✗ 0"},
   };
-  for (const auto& c : cases) {
+  for (auto [answer, line] : cases) {
     bridge_.invokeHandler("h", Json::array(), "d");
     const std::string id = callIdOf(host_.scripts.back());
-    Json answer = c.answer;
     answer["__bridgeId"] = id;
     LogCapture::instance().clear();
     bridge_.didReceiveScriptMessage(answer);
     bridge_.didReceiveScriptMessage(answer);
-    EXPECT_EQ(LogCapture::instance().lines(), (Lines{c.line, "[JS->Native] stale response id=" + id})) << c.answer;
+    EXPECT_EQ(LogCapture::instance().lines(), (Lines{line, "[JS->Native] stale response id=" + id})) << answer;
   }
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/text.h"
@@ -120,18 +121,15 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
 }
 
 TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
-  const struct {
-    std::vector<std::string> argv;
-    const char* cwd;
-    std::vector<std::string> mentions;
-  } cases[] = {{{"/bin/true"}, "/no/such/dir", {"/no/such/dir", "No such file or directory"}},
-               {{"/no/such/program"}, "/", {"/no/such/program"}},
-               {{"/bin/echo", std::string("a\0b", 3)}, "/", {}}};
-  for (const auto& c : cases) {
-    ChildRun run = runChild(c.argv, c.cwd);
-    EXPECT_FALSE(run.launched) << c.argv[0];
-    EXPECT_FALSE(run.error.empty());
-    for (const auto& text : c.mentions) EXPECT_NE(run.error.find(text), std::string::npos) << run.error;
+  using Argv = std::vector<std::string>;
+  const std::tuple<Argv, const char*, Argv> cases[] = {
+      {{"/bin/true"}, "/no/such/dir", {"/no/such/dir", "No such file or directory"}},
+      {{"/no/such/program"}, "/", {"/no/such/program"}},
+      {{"/bin/echo", std::string("a\0b", 3)}, "/", {}}};
+  for (const auto& [argv, cwd, mentions] : cases) {
+    ChildRun run = runChild(argv, cwd);
+    EXPECT_TRUE(!run.launched && !run.error.empty()) << argv[0];
+    for (const auto& text : mentions) EXPECT_NE(run.error.find(text), std::string::npos) << run.error;
   }
 }
 
@@ -151,10 +149,7 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRe
   EXPECT_EQ(binds_, std::vector<std::string>{fs::canonical(h / "dotfiles/ssh_config").string()})
       << "a link's target outside is protected too";
 
-  const struct {
-    std::function<void()> make;
-    const char* refusal;
-  } cases[] = {
+  const std::pair<std::function<void()>, const char*> cases[] = {
       {[&] { fs::create_hard_link(h / ".gnupg/private-keys-v1.d/k.key", h / "copy.key"); }, "k.key"},
       {[&] { fs::remove(h / "dotfiles/ssh_config"); }, "config points to something that does not exist"},
       {[&] {
@@ -163,11 +158,11 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRe
        },
        ".ssh is a symbolic link"},
   };
-  for (const auto& c : cases) {
-    c.make();
+  for (const auto& [make, reason] : cases) {
+    make();
     auto refusal = prepareProtectedFolders(home(), binds_);
-    ASSERT_TRUE(refusal) << c.refusal;
-    EXPECT_NE(refusal->find(c.refusal), std::string::npos) << *refusal;
+    ASSERT_TRUE(refusal) << reason;
+    EXPECT_NE(refusal->find(reason), std::string::npos) << *refusal;
     fs::remove(h / "copy.key");
   }
 }
