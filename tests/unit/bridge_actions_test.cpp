@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <tuple>
 
 #include "bridge/platform_info.h"
 #include "bridge_fakes.h"
@@ -18,10 +19,7 @@ namespace {
 const Json kOk = Json{{"ok", true}};
 
 TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
-  const struct {
-    Json name, args;
-    std::string error;
-  } cases[] = {
+  const std::tuple<Json, Json, std::string> cases[] = {  // name, arguments, error
       {"setProjectDir", {"p", 5}, "setProjectDir expects [projectId, path]"},
       {"setProjectDir", {5, "/x"}, "setProjectDir expects [projectId, path]"},
       {"readFile", {3}, "readFile expects [path]"},
@@ -30,10 +28,9 @@ TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
       {"ReadFile", {"/etc/hostname"}, "unknown native action 'ReadFile'"},
       {nullptr, Json::array(), "unknown native action '(null)'"},
   };
-  for (const auto& c : cases) {
-    Reply reply = call(c.name, c.args);
-    EXPECT_FALSE(reply.ok) << c.name << c.args;
-    EXPECT_EQ(reply.value, c.error) << c.name << c.args;
+  for (const auto& [name, args, error] : cases) {
+    Reply reply = call(name, args);
+    EXPECT_TRUE(!reply.ok && reply.value == error) << name << args << reply.value;
   }
   EXPECT_FALSE(fs::exists(home_.path() / ".local/share/ondrel/defaults.json")) << "failed sets store nothing";
 }
@@ -96,10 +93,8 @@ TEST_F(BridgeTest, FileActionsRunAndReplyInTheOrderAsked) {
   ASSERT_EQ(host_.scripts.size(), std::size(requests));
   for (size_t i = 0; i < std::size(requests); ++i) {
     auto reply = parseReply(host_.scripts[i]);
-    ASSERT_TRUE(reply) << host_.scripts[i];
-    EXPECT_EQ(reply->id, std::to_string(i));
-    EXPECT_TRUE(reply->ok) << requests[i][0];
-    EXPECT_EQ(reply->value, values[i]) << requests[i][0];
+    EXPECT_TRUE(reply && reply->id == std::to_string(i) && reply->ok && reply->value == values[i])
+        << requests[i][0] << ": " << host_.scripts[i];
   }
 }
 

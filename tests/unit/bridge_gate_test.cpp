@@ -33,7 +33,8 @@ TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
     EXPECT_EQ(admitted.value_or(nullptr), c.admitted ? body : Json());
     const auto lines = LogCapture::instance().lines();
     ASSERT_EQ(lines.size(), c.admitted ? 0u : 1u) << c.envelope;
-    if (!c.admitted) EXPECT_TRUE(lines[0].find(c.namedOrigin) != std::string::npos && lines[0].size() < 400) << lines[0];
+    if (!c.admitted)
+      EXPECT_TRUE(lines[0].find(c.namedOrigin) != std::string::npos && lines[0].size() < 400) << lines[0];
   }
 }
 
