@@ -7,7 +7,6 @@
 
 #include "base/log.h"
 #include "bridge_fakes.h"
-#include "main_loop.h"
 
 namespace {
 

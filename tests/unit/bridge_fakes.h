@@ -14,7 +14,6 @@
 #include "home_override.h"
 #include "log_capture.h"
 #include "main_loop.h"
-#include "test_files.h"
 
 class FakeHost : public BridgeHost {
  public:

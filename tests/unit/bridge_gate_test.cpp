@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "log_capture.h"
 
 namespace {
@@ -12,11 +14,7 @@ const std::string kKey = "0123456789abcdef0123456789abcdef";
 TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
   const BridgeGate gate(kOrigin, kKey);
   const Json body = {{"__reqId", "r1"}, {"name", "exec"}};
-  const struct {
-    Json envelope;
-    bool admitted;
-    std::string namedOrigin;  // in the refusal's log line
-  } cases[] = {
+  const std::tuple<Json, bool, std::string> cases[] = {  // envelope, admitted, named in the refusal's log line
       {Json::array({kKey, kOrigin, body}), true, ""},
       {Json::array({"", "http://127.0.0.1:9999", body}), false, "http://127.0.0.1:9999"},
       {Json::array({kKey.substr(1) + "0", kOrigin, body}), false, kOrigin},
@@ -26,15 +24,14 @@ TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
       {body, false, "bypassed"},
       {Json::array({"", std::string(5000, 'o'), body}), false, std::string(150, 'o')},
   };
-  for (const auto& c : cases) {
+  for (const auto& [envelope, admit, named] : cases) {
     LogCapture::instance().clear();
-    auto admitted = gate.admit(Json(c.envelope));
-    EXPECT_EQ(admitted.has_value(), c.admitted) << c.envelope;
-    EXPECT_EQ(admitted.value_or(nullptr), c.admitted ? body : Json());
+    auto admitted = gate.admit(Json(envelope));
+    EXPECT_EQ(admitted.has_value(), admit) << envelope;
+    EXPECT_EQ(admitted.value_or(nullptr), admit ? body : Json());
     const auto lines = LogCapture::instance().lines();
-    ASSERT_EQ(lines.size(), c.admitted ? 0u : 1u) << c.envelope;
-    if (!c.admitted)
-      EXPECT_TRUE(lines[0].find(c.namedOrigin) != std::string::npos && lines[0].size() < 400) << lines[0];
+    ASSERT_EQ(lines.size(), admit ? 0u : 1u) << envelope;
+    if (!admit) EXPECT_TRUE(lines[0].find(named) != std::string::npos && lines[0].size() < 400) << lines[0];
   }
 }
 
