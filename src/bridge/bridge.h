@@ -47,7 +47,8 @@ class Bridge {
   // action's to keep (a payload can be moved out rather than copied).
   using NativeAction = std::function<void(const Json& reqId, Json& args)>;
 
-  // Runs fn on the main thread after a delay (the page-load probe's wait).
+  // Runs fn on the main thread after a delay. The page-load probe waits
+  // through it, so tests can give one that does not wait.
   using Later = std::function<void(double seconds, std::function<void()> fn)>;
 
   // pageOrigin: the instance's origin; what the bridge evaluates in the page

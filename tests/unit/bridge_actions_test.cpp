@@ -132,7 +132,7 @@ TEST_F(BridgeTest, PlatformDescribesLinuxAndTheKernel) {
 
 // The action hands the colour to the window, which the end-to-end test sees.
 TEST(ScrimColour, FollowsTheFourNumbersAndNoPositiveAlphaRemovesIt) {
-  const std::pair<Json, std::vector<double>> cases[] = {  // no numbers: no tint
+  const std::pair<Json, std::vector<double>> cases[] = {  // {}: no tint
       {{0, 0, 0, 0.5}, {0, 0, 0, 0.5}},         {{255, 255, 255}, {}},
       {{255, 51, 510, 3}, {1, 0.2, 2, 1}},      {{10, 20, 30, 0}, {}},
       {{10, 20, 30, "1"}, {}},                  {{"255", nullptr, Json::object(), 1}, {0, 0, 0, 1}},
