@@ -14,10 +14,11 @@ std::string bridgeInvokeExpression(const std::string& callId, const std::string&
          "', ok: false, error: 'bridge-not-ready' })";
 }
 
-Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer)
+Bridge::Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer, Later later)
     : host_(host),
       guard_(originGuardExpression(pageOrigin)),
       sounds_(std::move(soundPlayer)),
+      later_(std::move(later)),
       alive_(std::make_shared<Bridge*>(this)) {
   addBuiltInActions();
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/json.h"
+#include "base/main_thread.h"
 #include "bridge/agent_sounds.h"
 #include "bridge/reply_text.h"
 
@@ -46,9 +47,14 @@ class Bridge {
   // action's to keep (a payload can be moved out rather than copied).
   using NativeAction = std::function<void(const Json& reqId, Json& args)>;
 
+  // Runs fn on the main thread after a delay. The page-load probe waits
+  // through it, so tests can give one that does not wait.
+  using Later = std::function<void(double seconds, std::function<void()> fn)>;
+
   // pageOrigin: the instance's origin; what the bridge evaluates in the page
   // does nothing once the top document is on any other.
-  Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer = systemSoundPlayer());
+  Bridge(BridgeHost& host, const std::string& pageOrigin, AgentSounds::Player soundPlayer = systemSoundPlayer(),
+         Later later = runOnMainAfter);
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
   ~Bridge();
@@ -91,6 +97,7 @@ class Bridge {
   BridgeHost& host_;
   const std::string guard_;
   AgentSounds sounds_;
+  Later later_;
   std::map<std::string, NativeAction, std::less<>> actions_;
   // Started with the first file action. Work still running when the bridge
   // goes sees `alive_` gone and replies to nobody.

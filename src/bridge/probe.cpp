@@ -2,7 +2,6 @@
 // the bridge, then make one call through it so a broken page shows up in
 // the log.
 #include "base/log.h"
-#include "base/main_thread.h"
 #include "bridge/bridge.h"
 
 namespace {
@@ -23,7 +22,7 @@ void Bridge::pageDidFinishLoading() {
                                   logToSystemOnly("[Probe] typeof invoke = " + orNull(result) + " (err " +
                                                   orNull(error) + ")");
                                 });
-  runOnMainAfter(1.0, [this] {
+  later_(1.0, [this] {
     logLine("[Probe] auto-firing an RPC call to 'greet'");
     invokeHandler("greet", Json::array({"probe", "auto"}), "startup probe");
   });

@@ -1,6 +1,6 @@
-"""The page's side of the bridge for tests: pages/bridge.html long-polls for commands (post bodies, run
-code, navigate), which go to the channel's newest poll and are kept until seen done, so none is lost to a
-reload or a hung poll. A string reply longer than 64 KiB comes back as a Digest."""
+"""The page's side of the bridge for tests: pages/bridge.html long-polls for commands (run code, navigate),
+which go to the channel's newest poll and are kept until seen done, so none is lost to a reload or a hung
+poll."""
 
 from __future__ import annotations
 
@@ -19,16 +19,9 @@ _ids = itertools.count(1)
 
 
 @dataclass(frozen=True)
-class Digest:
-    length: int  # characters of the reply string
-    size: int    # bytes after decoding (Base64 for readFileBase64, UTF-8 otherwise)
-    sha256: str
-
-
-@dataclass(frozen=True)
 class Reply:
     ok: bool
-    value: Any   # the JSON value, or a Digest for a long string
+    value: Any
     raw: dict    # the whole report: reqIdType, okType, argc, valueType...
 
     @property
@@ -83,12 +76,6 @@ class BridgeClient:
         self.app = app
         return self
 
-    @classmethod
-    def launched(cls, launch, web) -> tuple["BridgeClient", object]:
-        client = cls(web)
-        client.attach(launch(client.url)).wait_ready()
-        return client, client.app
-
     def _mine(self, extra=lambda d: True):
         return lambda d: d.get("ch") == self.name and extra(d)
 
@@ -110,8 +97,8 @@ class BridgeClient:
             assert self.app is None or self.app.running(), f"ondrel exited; log:\n{self.app.log_text()}"
 
     def post(self, *bodies: Any, timeout: float = 20):
-        done = self._send({"op": "post", "bodies": list(bodies)}, timeout)
-        assert done.get("ok"), f"the page could not post {bodies!r}: {done.get('error')}"
+        self.run(f"for (const b of {json.dumps(list(bodies))}) window.webkit.messageHandlers.ondrel.postMessage(b);",
+                 timeout)
 
     def run(self, code: str, timeout: float = 20) -> Any:
         """Runs code as the body of an async function in the page; returns its JSON result."""
@@ -142,14 +129,6 @@ class BridgeClient:
     def invokes(self, since: int = 0) -> list[dict]:
         return [r.data for r in self.web.reports("invoke", since, self._mine())]
 
-    def wait_invoke(self, handler: str, since: int = 0, timeout: float = 20) -> dict:
-        return self.web.wait_for_report("invoke", timeout, since,
-                                        self._mine(lambda d: d.get("handler") == handler)).data
-
     @staticmethod
     def _reply(data: dict) -> Reply:
-        s = data.get("summary")
-        if s is not None:
-            assert "error" not in s, f"the page could not digest the reply: {s['error']}"
-        value = Digest(s["length"], s["size"], s["sha256"]) if s else data.get("value")
-        return Reply(data.get("ok") == 1, value, data)
+        return Reply(data.get("ok") == 1, data.get("value"), data)

@@ -1,7 +1,6 @@
 """GTK file choosers the app opens (folder picker, file inputs, save dialog), driven by keys.
 
-GTK's chooser opens on "Recent", which ignores a typed location, so a path is typed only after the
-home folder (Alt+Home) is shown. The location entry's completion may swallow a Return, so Return is
+Paths are typed into the location entry (Ctrl+L), whose completion may swallow a Return, so Return is
 repeated until the chooser closes.
 """
 
@@ -49,14 +48,6 @@ def _settled(window: XWindow, before: bytes, timeout: float, still: int = 1):
         pass
 
 
-def _type_location(dialog: XWindow, path: str):
-    before = _file_list(dialog)
-    dialog.screen.key("alt+Home")
-    _settled(dialog, before, 2)
-    dialog.screen.key("ctrl+l")
-    dialog.screen.type_text(path)
-
-
 def _return_until_closed(dialog: XWindow, path: str, keys=("Return",), attempts: int = 3):
     for _ in range(attempts):
         before = _file_list(dialog)
@@ -70,13 +61,15 @@ def _return_until_closed(dialog: XWindow, path: str, keys=("Return",), attempts:
 
 def choose_path(dialog: XWindow, path: str):
     """Types path into the chooser and accepts it."""
-    _type_location(dialog, path)
+    dialog.screen.key("ctrl+l")
+    dialog.screen.type_text(path)
     _return_until_closed(dialog, path)
 
 
 def select_all_in(dialog: XWindow, folder: str):
     """Opens folder in the chooser (once it has been read, GTK selects its first file), then Ctrl+A and Return."""
-    _type_location(dialog, folder.rstrip("/") + "/")
+    dialog.screen.key("ctrl+l")
+    dialog.screen.type_text(folder.rstrip("/") + "/")
     before = _file_list(dialog)
     dialog.screen.key("Return")
     # A busy machine lists the folder's files in more than one paint: select all only once it has rested.

@@ -8,7 +8,7 @@ from __future__ import annotations
 import json
 import os
 import shutil
-import stat
+import socket
 import subprocess
 import tempfile
 import uuid
@@ -17,7 +17,7 @@ from pathlib import Path
 import pytest
 
 from bridge_client import BridgeClient
-from harness import BINARY, App, rss_kib
+from harness import BINARY
 
 IS_ROOT = os.geteuid() == 0
 NOBODY = 65534
@@ -28,29 +28,7 @@ PROBE = r'''
 t() { label=$1; shift; if ( "$@" ) >/dev/null 2>&1; then echo "$label: succeeded"; else echo "$label: failed"; fi; }
 PY=/usr/bin/python3
 '''
-
-
-class ExecClient:
-    def __init__(self, screen, web, home: Path, user: bool, env: dict | None, binary: str):
-        self.home, self.bridge = home, BridgeClient(web)
-        argv = as_app_user(user, [binary, self.bridge.url])
-        self.app = App(screen, home, args=argv[1:], env=env, binary=argv[0])
-        if user:  # the home, with what App made in it, as if the app's user had made it
-            for path in [home, *home.rglob("*")]:
-                os.lchown(path, NOBODY, NOBODY)
-        self.app.start()
-        self.bridge.attach(self.app).wait_ready(timeout=30)
-
-    def run(self, command: str, directory: str = "~"):
-        reply = self.bridge.wait_reply(self.bridge.request("exec", directory, command), 60)
-        assert reply.ok, f"exec failed: {reply.value!r}"
-        return reply.value
-
-
-def user_home_base() -> Path:  # pytest's own folder is private to root
-    base = Path(tempfile.mkdtemp(prefix="ondrel-e2e-"))
-    os.chmod(base, 0o755)
-    return base
+APPDIR = "Applications/Ondrel.AppDir"
 
 
 def as_app_user(user, argv):
@@ -58,101 +36,55 @@ def as_app_user(user, argv):
 
 
 @pytest.fixture(params=["self", "nobody"])
-def start(screen, web, tmp_path, request):
+def start(launch, web, tmp_path, request):
+    """start(tree, env, binary): the app on the bridge page, in a home holding tree ({path: text, None for a
+    folder, or a Path to link to}) and, given binary, a copy of the app there to run."""
     user = request.param == "nobody"
     if user and not IS_ROOT:
         pytest.skip("running as another user needs root")
-    clients, base = [], user_home_base() if user else tmp_path
+    home = (Path(tempfile.mkdtemp(prefix="ondrel-e2e-")) if user else tmp_path) / "home"
+    os.chmod(home.parent, 0o755)  # pytest's own folder is private to root
 
-    def _start(env=None, prepare=None, binary=None) -> ExecClient:
-        home = base / f"home{len(clients)}"
-        home.mkdir()
-        if prepare:
-            prepare(home)
-        clients.append(ExecClient(screen, web, home, user, env, str(home / binary) if binary else BINARY))
-        return clients[-1]
+    def _start(tree=(), env=None, binary=None) -> BridgeClient:
+        if binary:
+            (home / binary).parent.mkdir(parents=True)
+            shutil.copy2(BINARY, home / binary)
+        for rel, content in dict(tree).items():
+            (home / rel).parent.mkdir(parents=True, exist_ok=True)
+            if isinstance(content, Path):
+                (home / rel).symlink_to(home / content)
+            else:
+                (home / rel).mkdir() if content is None else (home / rel).write_text(content)
+        bridge = BridgeClient(web)
+        argv = as_app_user(user, [str(home / binary) if binary else BINARY, bridge.url])
+        app = launch(*argv[1:], home=home, env=env, binary=argv[0], start=False)
+        if user:  # the home, with what App made in it, as if the app's user had made it
+            for path in [home, *home.rglob("*")]:
+                os.lchown(path, NOBODY, NOBODY)
+        bridge.attach(app.start()).wait_ready(timeout=30)
+        return bridge
 
-    _start.user, _start.base = user, base
+    _start.user, _start.home = user, home
     yield _start
-    for client in clients:
-        if getattr(getattr(request.node, "rep_call", None), "failed", False):
-            print(f"[e2e] {request.node.name} log:\n{client.app.log_text()}")
-        client.app.kill()
     if user:
-        shutil.rmtree(base, ignore_errors=True)
+        for app in launch.apps:
+            app.kill()
+        shutil.rmtree(home.parent, ignore_errors=True)
 
 
-def test_results_come_back_whole_and_side_by_side(start):
-    c = start()
+def test_commands_run_side_by_side(start):
+    bridge = start()
     # Each waits (boundedly) for the other's mark: both succeed only side by side.
-    wait = "; for i in $(seq 200); do [ -e {0} ] && break; sleep 0.05; done; echo out; echo err >&2; exit 3"
-    a = c.bridge.request("exec", "~", "touch a.mark" + wait.format("b.mark"))
-    b = c.bridge.request("exec", "~", "touch b.mark" + wait.format("a.mark"))
-    for rid in (a, b):
-        reply = c.bridge.wait_reply(rid, 60)
-        assert reply.pair == (True, {"exit": 3, "stdout": "out\n", "stderr": "err\n"})
-        assert list(reply.value) == ["exit", "stdout", "stderr"]
+    wait = "; for i in $(seq 200); do [ -e {0} ] && break; sleep 0.05; done; [ -e {0} ] && echo out; exit 3"
+    ids = [bridge.request("exec", "~", f"touch {a}.mark" + wait.format(f"{b}.mark")) for a, b in ("ab", "ba")]
+    for rid in ids:
+        assert bridge.wait_reply(rid, 60).pair == (True, {"exit": 3, "stdout": "out\n", "stderr": ""})
 
 
-def test_endless_output_is_cut_and_the_app_stays_small(start):
-    c = start()
-    before = rss_kib(c.app.pid)
-    # Summed up in the page: the 16 MiB of output would not fit in a report.
-    result = c.bridge.run("""
-        const ondrel = window.__ondrel, original = ondrel.__resolve;
-        return await new Promise((resolve) => {
-          ondrel.__resolve = function (reqId, ok, value) {
-            if (reqId !== 'endless') return original.apply(this, arguments);
-            ondrel.__resolve = original;
-            resolve({ ok: ok, truncated: value.truncated, out: value.stdout.length, err: value.stderr });
-          };
-          window.webkit.messageHandlers.ondrel.postMessage(
-            { __reqId: 'endless', name: 'exec', args: ['~', 'head -c 200M /dev/zero; echo done >&2'] });
-        });""", timeout=120)
-    assert result == {"ok": 1, "truncated": ["stdout"], "out": 16 << 20, "err": "done\n"}
-    assert rss_kib(c.app.pid) - before < 100 * 1024
-
-
-APPDIR = "Applications/Ondrel.AppDir"
-
-
-def prepare_ssh_key(home):
-    (home / ".ssh").mkdir(mode=0o700)
-    (home / ".ssh/id_ed25519").write_text("secret\n")
-    os.chmod(home / ".ssh/id_ed25519", 0o600)
-
-
-def prepare_runs_later(home):
-    (home / APPDIR / "usr/bin").mkdir(parents=True)
-    shutil.copy2(BINARY, home / APPDIR / "usr/bin/ondrel")
-    (home / ".bashrc").write_text("# mine\n")
-    (home / "hooks").mkdir()
-    (home / "xdg").mkdir()
-    (home / "xdg/mimeapps.list").write_text("[Default Applications]\n")
-    (home / ".config/ondrel").mkdir(parents=True)
-    (home / ".config/ondrel/config.json").write_text(json.dumps({"sandboxReadOnly": ["~/hooks"]}))
-
-
-def prepare_links(home):
-    (home / "dotfiles").mkdir()
-    (home / "dotfiles/ssh_config").write_text("Host *\n")
-    (home / ".ssh").mkdir(mode=0o700)
-    (home / ".ssh/config").symlink_to(home / "dotfiles/ssh_config")
-    (home / "keys").symlink_to(home / ".ssh")
-    (home / ".gnupg").mkdir(mode=0o700)
-    (home / ".gnupg/sub").mkdir()
-
-
-def prepare_network_off(home):
-    (home / ".config/ondrel").mkdir(parents=True)
-    (home / ".config/ondrel/config.json").write_text(json.dumps({"sandboxNetwork": False}))
-
-
-# name: (prepare, environment, working directory, probes; every label not starting with "control" must fail)
+# name: (home's tree, environment, working directory, probes; every label not starting with "control" must fail)
 SANDBOX = {
-    "system": (None, {"TMPDIR": "OUTSIDE/tmpdir"}, "~", '''
+    "system": ((), {"TMPDIR": "OUTSIDE/tmpdir"}, "~", '''
         t control_home touch "$HOME/NAME"
-        t control_workdir touch ./NAME-cwd
         t control_tmpdir touch "$TMPDIR/NAME"
         t control_tmp touch /tmp/NAME
         t control_vartmp touch /var/tmp/NAME
@@ -161,115 +93,73 @@ SANDBOX = {
         t control_display env DISPLAY=XDISPLAY xdotool getmouselocation
         t beside_tmpdir touch OUTSIDE/NAME
         t etc touch /etc/NAME
-        t usr touch /usr/NAME
         t sys sh -c 'echo 1 > /sys/kernel/mm/ksm/run'
-        for s in kernel/core_pattern kernel/modprobe kernel/hostname; do
-          [ -r /proc/sys/$s ] || { echo "$s: failed"; continue; }
-          v=$(cat /proc/sys/$s)
-          t "$s" sh -c "printf '%s\\n' '$v' > /proc/sys/$s"
-        done
+        v=$(cat /proc/sys/kernel/core_pattern)  # written back as it is, should the write go through
+        t core_pattern sh -c "printf '%s\\n' '$v' > /proc/sys/kernel/core_pattern"
         t sysrq sh -c 'echo > /proc/sysrq-trigger'
     '''),
-    "tmpdir-of-root": (None, {"TMPDIR": "/"}, "~", '''
-        t outside touch OUTSIDE/NAME
-        t etc touch /etc/NAME
-        t control_tmp touch /tmp/NAME
-    '''),
-    "network-off": (prepare_network_off, {}, "~", '''
+    "network-off": ({".config/ondrel/config.json": json.dumps({"sandboxNetwork": False})}, {}, "~", '''
         t loopback curl -sf -o /dev/null WEB
         t display env DISPLAY=XDISPLAY xdotool getmouselocation
         t control_tmp touch /tmp/NAME
     '''),
-    "no-ssh-folder": (None, {}, "~", '''
-        t known_hosts sh -c 'echo host > "$HOME/.ssh/known_hosts"'
-        t gnupg_file touch "$HOME/.gnupg/pubring.kbx"
-        t gnupg_dir mkdir "$HOME/.gnupg/private-keys-v1.d"
-        t control_home sh -c 'echo host > "$HOME/known_hosts"'
-    '''),
-    "ssh-key": (prepare_ssh_key, {}, "~", '''
+    "ssh-key": ({".ssh/id_ed25519": "secret\n"}, {}, "~", '''
         k="$HOME/.ssh/id_ed25519"
         echo plain > "$HOME/plain"; mkdir "$HOME/folder"; o="$HOME/plain"
         for target in "$k" "$o"; do
           [ "$target" = "$k" ] && p= || p=control_
-          t ${p}chmod chmod 644 "$target"
-          t ${p}utime touch -d 2001-01-01 "$target"
-          t ${p}xattr $PY -c "import os,sys; os.setxattr(sys.argv[1], 'user.x', b'1')" "$target"
-          t ${p}append sh -c "echo more >> $target"
           t ${p}write sh -c "echo changed > $target"
           t ${p}via_proc_self sh -c "echo x > /proc/self/root$target"
-          t ${p}hard_link ln "$target" "$HOME/linked-$p"
           t ${p}rename_file mv "$target" "$HOME/moved-$p"
         done
         t remove rm -f "$k"
+        t missing_gnupg mkdir "$HOME/.gnupg/private-keys-v1.d"
         t rename_folder mv "$HOME/.ssh" "$HOME/ssh-away"
         t control_rename_folder mv "$HOME/folder" "$HOME/folder-away"
         t remount mount -o remount,rw "$HOME/.ssh"
-        t bind_over mount --bind /tmp "$HOME/.ssh"
-        t umount umount "$HOME/.ssh"
-        t umount_lazy umount -l "$HOME/.ssh"
+        t umount umount -l "$HOME/.ssh"
         t new_userns unshare -Ur true
         t new_mountns unshare -m true
     '''),
-    "runs-later": (prepare_runs_later, {"XDG_CONFIG_HOME": "HOME/xdg"}, "~", f'''
-        cd "$HOME"; mkdir -p .config/other .local/share/other .cache/other
+    "runs-later": ({".bashrc": "# mine\n", "hooks": None, "xdg/mimeapps.list": "[Default Applications]\n",
+                    ".config/ondrel/config.json": json.dumps({"sandboxReadOnly": ["~/hooks"]})},
+                   {"XDG_CONFIG_HOME": "HOME/xdg"}, "~", f'''
+        cd "$HOME"; mkdir -p .config/other
         t settings sh -c 'echo "{{}}" > .config/ondrel/config.json'
         t control_settings sh -c 'echo "{{}}" > .config/other/config.json'
-        t data touch .local/share/ondrel/pending-update.json
-        t cache touch .cache/ondrel/sw.js
-        t control_data touch .local/share/other/pending-update.json .cache/other/sw.js
         t appdir touch {APPDIR}/usr/bin/planted
-        t appdir_move mv {APPDIR} Applications/away
         t control_appdir touch Applications/beside
-        t autostart touch .config/autostart/run.desktop
-        t systemd touch .config/systemd/user/run.service
-        t environment touch .config/environment.d/path.conf
-        t xdg_autostart touch xdg/autostart/run.desktop
-        t xdg_systemd touch xdg/systemd/user/run.service
         t xdg_mimeapps sh -c 'echo planted >> xdg/mimeapps.list'
-        t control_config touch .config/other/run.desktop xdg/other.conf
+        t control_xdg touch xdg/other.conf
         t startup sh -c 'echo planted >> .bashrc'
-        t startup_replace rm -f .bashrc
         t control_startup sh -c 'echo planted >> .bashrc.old'
         t user_added touch hooks/planted
         t control_user_added sh -c 'mkdir hooks2 && touch hooks2/planted'
     '''),
-    "working-directory-linked-to-ssh": (prepare_links, {"DBUS_SESSION_BUS_ADDRESS": "BUS"}, "~/keys", '''
+    "working-directory-linked-to-ssh": ({".ssh": None, "keys": Path(".ssh")},
+                                        {"DBUS_SESSION_BUS_ADDRESS": "unix:path=BUS"}, "~/keys", '''
         t cwd touch ./authorized_keys
-        t gnupg_sub touch "$HOME/.gnupg/sub/planted"
-        t ssh_config_target sh -c 'echo "ProxyCommand planted" >> "$HOME/.ssh/config"'
-        t control_dotfiles sh -c 'echo "# mine" >> "$HOME/dotfiles/other"'
-        t bus dbus-send --bus=BUS --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
-            org.freedesktop.DBus.ListNames
-        t bus_by_default dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
-            org.freedesktop.DBus.ListNames
-        t systemd_run systemd-run --user --quiet true
-        t display_named sh -c 'test -n "$DISPLAY$WAYLAND_DISPLAY"'
+        t control_home touch "$HOME/authorized_keys"
+        t bus test -S BUS
         t display_socket test -S /tmp/.X11-unix/XSOCKETNUM
     '''),
-    "other-processes": (None, {}, "~", r'''
-        VM="import ctypes,sys; libc=ctypes.CDLL(None, use_errno=True); b=ctypes.create_string_buffer(8); \
-io=lambda a: (ctypes.c_size_t*2)(a, 8); n=libc.process_vm_readv(int(sys.argv[1]), io(ctypes.addressof(b)), 1, \
-io(0), 1, 0); sys.exit(1 if n < 0 and ctypes.get_errno() == 1 else 0)"
+    "other-processes": ((), {}, "~", r'''
         PT="import ctypes,sys; sys.exit(ctypes.CDLL(None).ptrace(0x4206, int(sys.argv[1]), 0, 0) != 0)"
         sleep 5 & own=$!
         for pid in APP $own; do
           [ $pid = APP ] && p= || p=control_
           t ${p}ptrace $PY -c "$PT" $pid
           t ${p}mem $PY -c "open('/proc/$pid/mem', 'r+b')"
-          t ${p}vm_read $PY -c "$VM" $pid
           t ${p}root ls /proc/$pid/root/
-          t ${p}environ cat /proc/$pid/environ
         done
         kill $own
-        t app_root_write touch /proc/APP/root/var/tmp/ondrel-e2e-proc-escape
-        t app_ssh sh -c 'echo x > /proc/APP/root$HOME/.ssh/known_hosts'
         t app_cwd touch /proc/APP/cwd/escape
         t app_fd sh -c 'for f in /proc/APP/fd/*; do [ -e "$f" ] && exit 0; done; exit 1'
-        t init_root ls /proc/1/root/
         ls /proc/$$/fd > "$HOME/fds.out"
         t fds_beyond_the_standard_three sh -c '[ "$(tr "\n" " " < "$HOME/fds.out")" != "0 1 2 " ]'
     '''),
 }
+LOOPED = {"ssh-key": 3, "other-processes": 3}  # reports of loops beyond one per "t" line
 
 
 @pytest.fixture
@@ -278,74 +168,41 @@ def outside():  # world-writable, outside home and the temporary folders: only t
         pytest.skip("making a folder outside home and /tmp needs root")
     path = Path("/var/lib") / f"ondrel-e2e-{uuid.uuid4().hex[:8]}"
     (path / "tmpdir").mkdir(parents=True)
-    os.chmod(path, 0o1777)
-    os.chmod(path / "tmpdir", 0o1777)
-    yield path
+    for folder in (path, path / "tmpdir"):
+        os.chmod(folder, 0o1777)
+    with socket.socket(socket.AF_UNIX) as bus:  # where a session bus would listen
+        bus.bind(str(path / "bus"))
+        yield path
     shutil.rmtree(path, ignore_errors=True)
 
 
-@pytest.fixture
-def session_bus(start):
-    base = user_home_base()
-    os.chown(base, NOBODY if start.user else os.getuid(), NOBODY if start.user else os.getgid())
-    daemon = subprocess.Popen(as_app_user(start.user, ["dbus-daemon", "--session", "--nofork", "--print-address",
-                                                        f"--address=unix:path={base}/bus"]),
-                              stdout=subprocess.PIPE, text=True)
-    yield daemon.stdout.readline().strip()
-    daemon.terminate()
-    daemon.wait()
-    shutil.rmtree(base, ignore_errors=True)
-
-
-PROTECTED = (".ssh", ".gnupg", ".config/ondrel", ".config/autostart", ".config/systemd", ".config/environment.d",
-             "xdg/autostart", "xdg/systemd", "xdg/environment.d", "xdg/mimeapps.list", ".bashrc", "hooks",
-             "dotfiles/ssh_config", APPDIR)
-
-
-def snapshot(home: Path) -> dict:
-    found = {}
-    for top in map(home.joinpath, PROTECTED):
-        for path in [top, *(top.rglob("*") if top.is_dir() and not top.is_symlink() else [])]:
-            if path.exists():
-                info = path.lstat()
-                content = path.read_bytes() if stat.S_ISREG(info.st_mode) else None
-                found[path] = (info.st_mode, info.st_mtime_ns, content, os.listxattr(path, follow_symlinks=False))
-    return found
-
-
 @pytest.mark.parametrize("case", SANDBOX)
-def test_the_sandbox_holds(start, outside, session_bus, web, screen, case):
-    prepare, env, directory, probes = SANDBOX[case]
+def test_the_sandbox_holds(start, outside, web, screen, case):
+    tree, env, directory, probes = SANDBOX[case]
     name = f"ondrel-e2e-{uuid.uuid4().hex[:8]}"
     fill = {"OUTSIDE": str(outside), "NAME": name, "WEB": web.url("report.js"), "XDISPLAY": screen.display,
-            "SOCKETNUM": screen.display.lstrip(":"), "BUS": session_bus, "HOME": str(start.base / "home0")}
+            "SOCKETNUM": screen.display.lstrip(":"), "BUS": f"{outside}/bus", "HOME": str(start.home)}
     for key, value in fill.items():
         env = {k: v.replace(key, value) for k, v in env.items()}
         probes = probes.replace(key, value) if key != "HOME" else probes
-    c = start(env=env, prepare=prepare, binary=f"{APPDIR}/usr/bin/ondrel" if case == "runs-later" else None)
-    if "BUS" in SANDBOX[case][1].values():  # the control for the bus: outside, the app's user reaches it
-        subprocess.run(as_app_user(start.user, ["dbus-send", f"--bus={session_bus}", "--print-reply",
-                                                "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                "org.freedesktop.DBus.ListNames"]), check=True, capture_output=True)
-    c.run("true")  # the protected folders are made for the first command
-    before = snapshot(c.home)
+    bridge = start(tree, env, f"{APPDIR}/usr/bin/ondrel" if case == "runs-later" else None)
+    subprocess.run(as_app_user(start.user, ["test", "-S", f"{outside}/bus"]), check=True)  # the bus's control
     try:
-        value = c.run(PROBE + probes.replace("APP", str(c.app.pid)), directory)
+        reply = bridge.wait_reply(bridge.request("exec", directory, PROBE + probes.replace(
+            "APP", str(bridge.app.pid))), 60)
         shared_tmp = Path("/tmp", name).exists()  # the command's /tmp is the real one
+        assert reply.ok, f"exec failed: {reply.value!r}"
     finally:
-        for leftover in ("/etc", "/usr", "/tmp", "/var/tmp"):
+        for leftover in ("/etc", "/tmp", "/var/tmp"):
             Path(leftover, name).unlink(missing_ok=True)
+    value = reply.value
     seen = {label: verdict for label, _, verdict in (line.rpartition(": ") for line in value["stdout"].splitlines())
             if verdict in ("failed", "succeeded")}
     wrong = {label: verdict for label, verdict in seen.items()
              if verdict != ("succeeded" if label.startswith("control") else "failed")}
     assert seen and not wrong, f"unexpected outcomes: {wrong}; {value}"
     assert len(seen) == len([line for line in probes.splitlines() if line.strip().startswith("t ")]) + \
-        {"system": 2, "ssh-key": 8, "other-processes": 5}.get(case, 0), f"attempts that did not report: {value}"
-    assert snapshot(c.home) == before
-    assert [p.name for p in outside.iterdir()] == ["tmpdir"]
-    assert (outside / "tmpdir" / name).exists() == (case == "system")
+        LOOPED.get(case, 0), f"attempts that did not report: {value}"
     assert shared_tmp == ("control_tmp" in seen)
-    assert not Path("/var/tmp/ondrel-e2e-proc-escape").exists() and not (c.home / "escape").exists()
     # The page still changes the settings: that runs in the app, not in a command.
-    assert c.bridge.call("mcpWriteConfig", json.dumps({"mcpServers": {}}))[0]
+    assert bridge.call("mcpWriteConfig", json.dumps({"mcpServers": {}}))[0]

@@ -1,4 +1,3 @@
-#include <glib.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <tuple>
 
 #include "bridge/platform_info.h"
 #include "bridge_fakes.h"
@@ -19,11 +19,7 @@ namespace {
 const Json kOk = Json{{"ok", true}};
 
 TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
-  const struct {
-    Json name, args;
-    std::string error;
-  } cases[] = {
-      {"setProjectDir", Json::array(), "setProjectDir expects [projectId, path]"},
+  const std::tuple<Json, Json, std::string> cases[] = {  // name, arguments, error
       {"setProjectDir", {"p", 5}, "setProjectDir expects [projectId, path]"},
       {"setProjectDir", {5, "/x"}, "setProjectDir expects [projectId, path]"},
       {"readFile", {3}, "readFile expects [path]"},
@@ -32,10 +28,9 @@ TEST_F(BridgeTest, ArgumentErrorsAndUnknownActionsFailWithFixedTexts) {
       {"ReadFile", {"/etc/hostname"}, "unknown native action 'ReadFile'"},
       {nullptr, Json::array(), "unknown native action '(null)'"},
   };
-  for (const auto& c : cases) {
-    Reply reply = call(c.name, c.args);
-    EXPECT_FALSE(reply.ok) << c.name << c.args;
-    EXPECT_EQ(reply.value, c.error) << c.name << c.args;
+  for (const auto& [name, args, error] : cases) {
+    Reply reply = call(name, args);
+    EXPECT_TRUE(!reply.ok && reply.value == error) << name << args << reply.value;
   }
   EXPECT_FALSE(fs::exists(home_.path() / ".local/share/ondrel/defaults.json")) << "failed sets store nothing";
 }
@@ -51,13 +46,9 @@ TEST_F(BridgeTest, ProjectDirsAreStoredAsGivenAndOutliveTheBridge) {
   EXPECT_EQ(call("getProjectDirs", Json::array()).value, expected);
 
   FakeHost otherHost;
-  Bridge other(otherHost, kPageOrigin, nullptr);
-  other.handleNativeAction("r", "getProjectDirs", Json::array());
+  Bridge(otherHost, kPageOrigin, nullptr).handleNativeAction("r", "getProjectDirs", Json::array());
   ASSERT_EQ(otherHost.scripts.size(), 1u);
   EXPECT_EQ(parseReply(otherHost.scripts[0])->value, expected);
-  auto file = parseJson(readText(home_.path() / ".local/share/ondrel/defaults.json"));
-  ASSERT_TRUE(file);
-  EXPECT_EQ((*file)["projectDirs"], expected);
 }
 
 TEST_F(BridgeTest, ReadFileRefusesWhatIsNotUtf8TextWithTheSystemsError) {
@@ -73,22 +64,11 @@ TEST_F(BridgeTest, ReadFileRefusesWhatIsNotUtf8TextWithTheSystemsError) {
   EXPECT_EQ(call("readFileBase64", {(dir / "missing.txt").string()}).ok, false);
 }
 
-TEST_F(BridgeTest, ReadsAcceptExactlySixteenMebibytes) {
+// A read of exactly 16 MiB, which reaches the page in pieces, the end-to-end
+// test makes.
+TEST_F(BridgeTest, ReadsRefuseFilesPastSixteenMebibytes) {
   const fs::path file = home_.path() / "big.txt";
-  std::string bytes(16777216, '\0');
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(' ' + (i * 131 + (i >> 13)) % 95);
-  std::ofstream(file, std::ios::binary) << bytes;
-
-  Reply text = call("readFile", {file.string()});
-  EXPECT_TRUE(text.ok && text.value == bytes) << "the text, unchanged";
-  Reply base64 = call("readFileBase64", {file.string()});
-  ASSERT_TRUE(base64.ok && base64.value.is_string());
-  gsize decodedSize = 0;
-  guchar* decoded = g_base64_decode(base64.value.get_ref<const std::string&>().c_str(), &decodedSize);
-  EXPECT_TRUE(std::string_view(reinterpret_cast<char*>(decoded), decodedSize) == bytes);
-  g_free(decoded);
-
-  std::ofstream(file, std::ios::binary | std::ios::app) << 'x';
+  std::ofstream(file, std::ios::binary) << std::string(16777217, 'x');
   for (const char* action : {"readFile", "readFileBase64"}) {
     Reply tooLarge = call(action, {file.string()});
     EXPECT_FALSE(tooLarge.ok) << action;
@@ -113,10 +93,8 @@ TEST_F(BridgeTest, FileActionsRunAndReplyInTheOrderAsked) {
   ASSERT_EQ(host_.scripts.size(), std::size(requests));
   for (size_t i = 0; i < std::size(requests); ++i) {
     auto reply = parseReply(host_.scripts[i]);
-    ASSERT_TRUE(reply) << host_.scripts[i];
-    EXPECT_EQ(reply->id, std::to_string(i));
-    EXPECT_TRUE(reply->ok) << requests[i][0];
-    EXPECT_EQ(reply->value, values[i]) << requests[i][0];
+    EXPECT_TRUE(reply && reply->id == std::to_string(i) && reply->ok && reply->value == values[i])
+        << requests[i][0] << ": " << host_.scripts[i];
   }
 }
 
@@ -146,39 +124,23 @@ TEST_F(BridgeTest, PlatformDescribesLinuxAndTheKernel) {
   EXPECT_EQ(reply.value["home"], pw->pw_dir) << "the account's home, whatever HOME says";
 
   const std::pair<std::string, std::string> releases[] = {
-      {"6.1.0-18-amd64", "6.1.0"}, {"5.10", "5.10.0"},     {"6", "6.0.0"},
-      {"4.19-rc1", "4.19.0"},      {"6.8.12.3", "6.8.12"}, {"", "0.0.0"},
-      {"weird", "0.0.0"},          {"6.5.0+", "6.5.0"},    {"6-2.3", "6.0.0"},
+      {"6.1.0-18-amd64", "6.1.0"}, {"5.10", "5.10.0"}, {"4.19-rc1", "4.19.0"},
+      {"6.8.12.3", "6.8.12"},      {"weird", "0.0.0"}, {"6-2.3", "6.0.0"},
   };
   for (const auto& [release, triple] : releases) EXPECT_EQ(kernelVersionTriple(release), triple) << release;
 }
 
-TEST_F(BridgeTest, ScrimColourFollowsTheFourNumbers) {
-  const struct {
-    Json args;
-    std::optional<ScrimColor> color;
-  } cases[] = {
-      {{0, 0, 0, 0.5}, ScrimColor{0, 0, 0, 0.5}},
-      {{255, 255, 255}, std::nullopt},
-      {{255, 51, 510, 3}, ScrimColor{1, 0.2, 2, 1}},
-      {{10, 20, 30, 0}, std::nullopt},
-      {{10, 20, 30, -0.5}, std::nullopt},
-      {{10, 20, 30, "1"}, std::nullopt},
-      {{10, 20, 30, nullptr}, std::nullopt},
-      {{"255", nullptr, Json::object(), 1}, ScrimColor{0, 0, 0, 1}},
-      {{51, 102, 153, 0.25, "extra"}, ScrimColor{0.2, 0.4, 0.6, 0.25}},
-      {Json::array(), std::nullopt},
+// The action hands the colour to the window, which the end-to-end test sees.
+TEST(ScrimColour, FollowsTheFourNumbersAndNoPositiveAlphaRemovesIt) {
+  const std::pair<Json, std::vector<double>> cases[] = {  // {}: no tint
+      {{0, 0, 0, 0.5}, {0, 0, 0, 0.5}},         {{255, 255, 255}, {}},
+      {{255, 51, 510, 3}, {1, 0.2, 2, 1}},      {{10, 20, 30, 0}, {}},
+      {{10, 20, 30, "1"}, {}},                  {{"255", nullptr, Json::object(), 1}, {0, 0, 0, 1}},
+      {{51, 102, 153, 0.25, "x"}, {0.2, 0.4, 0.6, 0.25}}, {Json::array(), {}},
   };
-  for (const auto& c : cases) {
-    host_.scrims.clear();
-    EXPECT_EQ(call("setChromeScrim", c.args).value, kOk);
-    ASSERT_EQ(host_.scrims.size(), 1u) << c.args;
-    const auto& got = host_.scrims[0];
-    ASSERT_EQ(got.has_value(), c.color.has_value()) << c.args;
-    if (got) {
-      const auto& want = *c.color;
-      EXPECT_TRUE(got->r == want.r && got->g == want.g && got->b == want.b && got->a == want.a) << c.args;
-    }
+  for (const auto& [args, rgba] : cases) {
+    const auto c = scrimColorFromArgs(args);
+    EXPECT_EQ(c ? std::vector<double>({c->r, c->g, c->b, c->a}) : std::vector<double>(), rgba) << args;
   }
 }
 
@@ -187,11 +149,7 @@ TEST_F(BridgeTest, PlaySoundAnswersAtOnceAndSynthesisesEachChimeOnce) {
     EXPECT_EQ(call("playSound", args).value, kOk);
   ASSERT_EQ(played_.size(), 3u) << "no name and a non-string name play \"complete\"; others are ignored";
   EXPECT_EQ(played_[0], played_[1]);
-  EXPECT_NE(played_[0], played_[2]);
-  const std::pair<std::string, std::string> files[] = {{played_[0], "complete"}, {played_[2], "error"}};
-  for (const auto& [path, name] : files) {
-    EXPECT_EQ(fs::path(path).parent_path(), fs::path(g_get_tmp_dir()));
-    EXPECT_EQ(fs::path(path).filename().string().rfind("ondrel-agent-", 0), 0u) << path;
+  for (const auto& [path, name] : {std::pair(played_[0], "complete"), std::pair(played_[2], "error")}) {
     EXPECT_EQ(readText(path), ondrelSynthesizeTones(agentSoundTable(name)).value_or("")) << name;
     fs::remove(path);
   }
@@ -200,32 +158,6 @@ TEST_F(BridgeTest, PlaySoundAnswersAtOnceAndSynthesisesEachChimeOnce) {
   ASSERT_EQ(played_.size(), 4u);
   EXPECT_EQ(played_[3], played_[0]);
   EXPECT_FALSE(fs::exists(played_[3]));
-}
-
-TEST_F(BridgeTest, PickDirectoryRepliesWhenTheChooserCloses) {
-  const struct {
-    Json args;
-    std::optional<std::string> message, chosen;
-    Json value;
-  } cases[] = {
-      {{"Choose a project"}, "Choose a project", "/home/me/project", "/home/me/project"},
-      {Json::array(), std::nullopt, std::nullopt, nullptr},
-      {{42}, std::nullopt, "/tmp", "/tmp"},
-  };
-  for (const auto& c : cases) {
-    host_.scripts.clear();
-    host_.pickMessages.clear();
-    bridge_.handleNativeAction(9, "pickDirectory", c.args);
-    EXPECT_TRUE(host_.scripts.empty()) << "no answer while the chooser is open";
-    ASSERT_EQ(host_.pickMessages.size(), 1u);
-    EXPECT_EQ(host_.pickMessages[0], c.message);
-    host_.pickDone(c.chosen);
-    ASSERT_EQ(host_.scripts.size(), 1u);
-    auto reply = parseReply(host_.scripts[0]);
-    ASSERT_TRUE(reply && reply->id == "9");
-    EXPECT_TRUE(reply->ok) << "cancelling is not an error";
-    EXPECT_EQ(reply->value, c.value);
-  }
 }
 
 }  // namespace

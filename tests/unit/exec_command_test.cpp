@@ -1,7 +1,7 @@
 #include "bridge/exec_command.h"
 
 #include <signal.h>
-#include <sys/stat.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/text.h"
@@ -20,6 +21,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
+long peakKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+bool privateMode(const fs::path& path) {
+  return (fs::symlink_status(path).permissions() & fs::perms::all) == fs::perms::owner_all;
+}
+
 class ExecTest : public ::testing::Test {
  protected:
   std::string home() const { return home_.path().string(); }
@@ -28,9 +39,8 @@ class ExecTest : public ::testing::Test {
 };
 
 TEST(ExecArguments, BadArgumentsAreRefusedAtOnce) {
-  for (const Json& args : {Json::array(), Json::array({"/tmp"}), Json::array({"/tmp", 42}),
-                           Json::array({"/tmp", nullptr}), Json::array({42, "true"}),
-                           Json::array({Json::array({"/tmp"}), "true"}), Json::object({{"dir", "/tmp"}})}) {
+  for (const Json& args : {Json::array(), Json::array({"/tmp", 42}), Json::array({42, "true"}),
+                           Json::object({{"dir", "/tmp"}, {"command", "true"}})}) {
     std::optional<std::pair<bool, Json>> reply;
     execCommand(args, [&](bool ok, const Json& value) { reply = {ok, value}; });
     ASSERT_TRUE(reply) << "answered before returning: " << args.dump();
@@ -63,9 +73,7 @@ TEST(ExecOutput, OutputThatIsNotUtf8BecomesEmpty) {
   for (const auto& [text, valid] : cases) EXPECT_EQ(isValidUtf8(text), valid) << testing::PrintToString(text);
 
   ChildRun run{.launched = true, .exitStatus = 3, .out = "caf\xE9", .err = "fine"};
-  Json value = execResultValue(std::move(run));
-  EXPECT_EQ(value, Json::parse(R"({"exit": 3, "stdout": "", "stderr": "fine"})"));
-  EXPECT_EQ(value.begin().key(), "exit");
+  EXPECT_EQ(execResultValue(std::move(run)).dump(), R"({"exit":3,"stdout":"","stderr":"fine"})");
 }
 
 TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAndReadsBothOutputsWhole) {
@@ -87,7 +95,7 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
       {"ls /proc/$$/fd", 0, "0\n1\n2\n", ""},
       {"cat; echo read-nothing >&2", 0, "", "read-nothing\n"},
       // Both past the limit and drained to the end; a character straddling the limit is dropped whole.
-      {"head -c 20M /dev/zero; head -c 17M /dev/zero >&2; exit 4", 4, std::string(limit, '\0'),
+      {"head -c 200M /dev/zero; head -c 17M /dev/zero >&2; exit 4", 4, std::string(limit, '\0'),
        std::string(limit, '\0'), true, true},
       {"head -c " + std::to_string(limit - 1) + " /dev/zero; printf '\\303\\251after'", 0,
        std::string(limit - 1, '\0'), "", true},
@@ -97,6 +105,7 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &saved);
   ASSERT_EQ(dup2(STDIN_FILENO, 57), 57);  // without close-on-exec on purpose
+  const long peakBefore = peakKiB();
   for (const auto& c : cases) {
     ChildRun run = runChild({"/bin/sh", "-c", c.script}, "/");
     ASSERT_TRUE(run.launched) << run.error;
@@ -108,33 +117,27 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
   }
   close(57);
   sigaction(SIGPIPE, &saved, nullptr);
+  EXPECT_LT(peakKiB() - peakBefore, 150 << 10) << "what is past the limit is dropped as it comes, not held";
 }
 
 TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {
-  const struct {
-    std::vector<std::string> argv;
-    const char* cwd;
-    std::vector<std::string> mentions;
-  } cases[] = {{{"/bin/true"}, "/no/such/dir", {"/no/such/dir", "No such file or directory"}},
-               {{"/no/such/program"}, "/", {"/no/such/program"}},
-               {{"/bin/echo", std::string("a\0b", 3)}, "/", {}}};
-  for (const auto& c : cases) {
-    ChildRun run = runChild(c.argv, c.cwd);
-    EXPECT_FALSE(run.launched) << c.argv[0];
-    EXPECT_FALSE(run.error.empty());
-    for (const auto& text : c.mentions) EXPECT_NE(run.error.find(text), std::string::npos) << run.error;
+  using Argv = std::vector<std::string>;
+  const std::tuple<Argv, const char*, Argv> cases[] = {
+      {{"/bin/true"}, "/no/such/dir", {"/no/such/dir", "No such file or directory"}},
+      {{"/no/such/program"}, "/", {"/no/such/program"}},
+      {{"/bin/echo", std::string("a\0b", 3)}, "/", {}}};
+  for (const auto& [argv, cwd, mentions] : cases) {
+    ChildRun run = runChild(argv, cwd);
+    EXPECT_TRUE(!run.launched && !run.error.empty()) << argv[0];
+    for (const auto& text : mentions) EXPECT_NE(run.error.find(text), std::string::npos) << run.error;
   }
 }
 
 TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRefused) {
   const fs::path h = home_.path();
   ASSERT_EQ(prepareProtectedFolders(home(), binds_), std::nullopt);
-  for (const char* name : {".ssh", ".gnupg"}) {
-    struct stat st {};
-    ASSERT_EQ(lstat((h / name).c_str(), &st), 0) << name;
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0700u) << name;
-  }
+  for (const char* name : {".ssh", ".gnupg"})
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(h / name)) && privateMode(h / name)) << name;
   writeText(h / ".ssh/authorized_keys", "key");
   writeText(h / ".gnupg/private-keys-v1.d/k.key", "secret");
   writeText(h / "dotfiles/ssh_config", "Host *\n");
@@ -146,10 +149,7 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRe
   EXPECT_EQ(binds_, std::vector<std::string>{fs::canonical(h / "dotfiles/ssh_config").string()})
       << "a link's target outside is protected too";
 
-  const struct {
-    std::function<void()> make;
-    const char* refusal;
-  } cases[] = {
+  const std::pair<std::function<void()>, const char*> cases[] = {
       {[&] { fs::create_hard_link(h / ".gnupg/private-keys-v1.d/k.key", h / "copy.key"); }, "k.key"},
       {[&] { fs::remove(h / "dotfiles/ssh_config"); }, "config points to something that does not exist"},
       {[&] {
@@ -158,11 +158,11 @@ TEST_F(ExecTest, ProtectedFoldersAreCreatedPrivateAndWhatCouldRedirectAWriteIsRe
        },
        ".ssh is a symbolic link"},
   };
-  for (const auto& c : cases) {
-    c.make();
+  for (const auto& [make, reason] : cases) {
+    make();
     auto refusal = prepareProtectedFolders(home(), binds_);
-    ASSERT_TRUE(refusal) << c.refusal;
-    EXPECT_NE(refusal->find(c.refusal), std::string::npos) << *refusal;
+    ASSERT_TRUE(refusal) << reason;
+    EXPECT_NE(refusal->find(reason), std::string::npos) << *refusal;
     fs::remove(h / "copy.key");
   }
 }
@@ -175,9 +175,7 @@ TEST_F(ExecTest, ReadOnlyPlanMakesMissingFoldersAndRefusesWhatACommandCouldRedir
   std::vector<std::string> binds;
   ASSERT_EQ(prepareReadOnlyPaths(plan, binds), std::nullopt);
   EXPECT_EQ(binds, (std::vector<std::string>{(h / ".config/systemd/user").string(), (h / ".bashrc").string()}));
-  struct stat st {};
-  ASSERT_EQ(lstat((h / ".config/systemd/user").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_TRUE(privateMode(h / ".config/systemd/user"));
   EXPECT_FALSE(fs::exists(h / ".zshrc")) << "a missing start-up file would shadow another";
 
   const std::pair<std::function<void()>, const char*> cases[] = {

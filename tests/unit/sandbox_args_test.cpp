@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -22,31 +23,17 @@ long position(const Args& args, const Args& items) {
 TEST(SandboxArgs, ReadOnlyMountsComeAfterEveryWritablePlaceWhereverThatIs) {
   // TMPDIRs and working directories inside, equal to or above the protected
   // folders: later mounts cover earlier ones, so the read-only ones must be last.
-  const struct {
-    std::string work;
-    std::optional<std::string> tmp;
-    bool tmpKept;
-  } cases[] = {
-      {"/home/u/.ssh", std::string("/home/u"), true},  {"/home/u/.ssh/sub", std::string("/tmp/x"), true},
-      {"/home/u/.gnupg", std::string("/"), false},     {"/", std::string("/home/u/.gnupg/private"), false},
-      {"/home", std::string("/home/u/.ssh"), false},   {"/proc", std::string("/proc/sys/kernel"), true},
-      {"/w", std::string(""), false},                  {"/w", std::nullopt, false},
-      {"/w", std::string("/home/u/.sshx"), true},      {"/w", std::string("/home/u/.gnupg2/t"), true},
-  };
-  for (const auto& c : cases) {
-    SandboxPaths paths{.home = "/home/u", .workDir = c.work, .tmpDir = c.tmp, .readOnly = {"/home/u/.config/ondrel"},
+  const std::tuple<std::string, std::string, bool> cases[] = {{"/home/u/.ssh", "/home/u/.gnupg/x", false},
+                                                              {"/home/u/.ssh/sub", "/tmp/x", true},
+                                                              {"/", "/home", true},
+                                                              {"/proc", "/proc/sys/k", true}};
+  for (const auto& [work, tmp, tmpKept] : cases) {
+    SandboxPaths paths{.home = "/home/u", .workDir = work, .tmpDir = tmp, .readOnly = {"/home/u/.config/ondrel"},
                        .doors = {{"/run/user/1/bus"}, {"/tmp/.X11-unix"}}};
     Args args = buildSandboxArgs(paths, "true");
-    const std::string what = c.work + " " + c.tmp.value_or("(unset)");
-    EXPECT_EQ(position(args, {"--ro-bind", "/", "/"}), 1) << what;
-    EXPECT_GE(position(args, {"--bind", c.work, c.work}), 0) << what;
-    if (c.tmp) {
-      EXPECT_EQ(tmpDirIsUsable(*c.tmp, "/home/u"), c.tmpKept) << what;
-      if (*c.tmp != "/home/u") {  // bound anyway as the home folder
-        EXPECT_EQ(position(args, {"--bind", *c.tmp, *c.tmp}) >= 0, c.tmpKept) << what;
-      }
-    }
-
+    EXPECT_EQ(position(args, {"--ro-bind", "/", "/"}), 1) << work;
+    EXPECT_GE(position(args, {"--bind", work, work}), 0) << work;
+    EXPECT_EQ(position(args, {"--bind", tmp, tmp}) >= 0, tmpKept) << tmp;
     long lastBind = -1;
     for (size_t i = 0; i < args.size(); ++i)
       if (args[i] == "--bind") lastBind = static_cast<long>(i);
@@ -56,7 +43,7 @@ TEST(SandboxArgs, ReadOnlyMountsComeAfterEveryWritablePlaceWhereverThatIs) {
                             {"--ro-bind", "/proc/sys", "/proc/sys"},
                             {"--ro-bind", "/dev/null", "/run/user/1/bus"},
                             {"--tmpfs", "/tmp/.X11-unix", "--remount-ro", "/tmp/.X11-unix"}};
-    for (const auto& mount : covered) EXPECT_GT(position(args, mount), lastBind) << what << " " << mount[1];
+    for (const auto& mount : covered) EXPECT_GT(position(args, mount), lastBind) << work << " " << mount[1];
   }
 }
 
@@ -94,21 +81,23 @@ TEST(SandboxArgs, WhatTheDesktopRunsLaterAndItsDisplayAreCovered) {
     const Args folders = readOnlyPlan("/h", configHome, std::nullopt, {}).folders;
     for (const char* name : {"autostart", "systemd/user", "environment.d"})
       EXPECT_EQ(std::count(folders.begin(), folders.end(), std::string(configHome) + "/" + name), 1) << name;
+    // The app's own settings, data and web cache, wherever the desktop's configuration is.
+    for (const char* own : {"/h/.config/ondrel", "/h/.local/share/ondrel", "/h/.cache/ondrel"})
+      EXPECT_EQ(std::count(folders.begin(), folders.end(), own), 1) << own;
   }
-  if (access("/tmp/.X11-unix", F_OK) == 0) {
-    EXPECT_EQ(findDesktopDoors("", "").folders, Args{"/tmp/.X11-unix"});
-  }
+  if (access("/tmp/.X11-unix", F_OK) == 0) EXPECT_EQ(findDesktopDoors("", "").folders, Args{"/tmp/.X11-unix"});
 }
 
 TEST(SandboxArgs, PathRulesWorkOnWholeComponents) {
-  const struct {
-    const char *path, *folder;
-    bool inside;
-  } cases[] = {{"/a/b", "/a/b", true},      {"/a/b/c", "/a/b", true}, {"/a/bc", "/a/b", false},
-               {"/a", "/a/b", false},       {"/anything", "/", true}, {"relative", "/", false}};
-  for (const auto& c : cases) EXPECT_EQ(isSameOrInside(c.path, c.folder), c.inside) << c.path << " in " << c.folder;
+  const std::tuple<const char*, const char*, bool> cases[] = {
+      {"/a/b", "/a/b", true}, {"/a/b/c", "/a/b", true}, {"/a/bc", "/a/b", false},
+      {"/a", "/a/b", false},  {"/anything", "/", true}, {"relative", "/", false}};
+  for (const auto& [path, folder, inside] : cases) EXPECT_EQ(isSameOrInside(path, folder), inside) << path << folder;
   EXPECT_EQ(protectedFolders("/"), (Args{"/.ssh", "/.gnupg"}));
-  EXPECT_FALSE(tmpDirIsUsable("/.ssh/x", "/"));
+  // "/" would make everything writable, and one inside a protected folder that folder.
+  const std::pair<const char*, bool> tmpDirs[] = {{"/", false},       {"", false},     {"/.gnupg", false},
+                                                  {"/.ssh/x", false}, {"/.sshx", true}, {"/tmp", true}};
+  for (const auto& [tmp, usable] : tmpDirs) EXPECT_EQ(tmpDirIsUsable(tmp, "/"), usable) << tmp;
 }
 
 }  // namespace

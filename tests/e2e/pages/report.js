@@ -7,7 +7,6 @@
       seq: seq++,
       page: location.pathname + location.search,
       frame: window !== window.top,
-      t: performance.now(),
     }, data || {});
     return fetch('/report', {
       method: 'POST',
