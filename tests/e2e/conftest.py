@@ -10,41 +10,30 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-import harness  # noqa: E402
 from harness import App, MapWatcher, Screen, WebServer, Xvfb  # noqa: E402
 
 
 @pytest.fixture(scope="session")
-def xvfb():
-    server = Xvfb()
-    yield server
-    harness.kill_all_apps()
-    server.stop()
+def screen() -> Screen:
+    xvfb = Xvfb()
+    yield Screen(xvfb)
+    xvfb.stop()
 
 
-@pytest.fixture(scope="session")
-def screen(xvfb) -> Screen:
-    return Screen(xvfb)
-
-
+# The web servers' threads end with the session.
 @pytest.fixture(scope="session")
 def web() -> WebServer:
-    server = WebServer()
-    yield server
-    server.stop()
+    return WebServer()
 
 
 @pytest.fixture(scope="session")
-def other_web() -> WebServer:
-    """The same pages from another origin (another port)."""
-    server = WebServer()
-    yield server
-    server.stop()
+def other_web() -> WebServer:  # the same pages from another origin (another port)
+    return WebServer()
 
 
 @pytest.fixture(scope="session")
-def map_watcher(xvfb) -> MapWatcher:
-    return MapWatcher(xvfb.display)
+def map_watcher(screen) -> MapWatcher:
+    return MapWatcher(screen.display)
 
 
 @pytest.hookimpl(hookwrapper=True, tryfirst=True)
@@ -58,8 +47,8 @@ def _failed(node) -> bool:
 
 
 class Launcher:
-    """launch(*args, config=..., config_text=..., language=..., env=..., binary=..., start=True, home=None)
-    starts an app with a fresh HOME, or again in `home` (a restart); every one is ended at teardown."""
+    """launch(*args, config=..., env=..., binary=..., start=True, home=None) starts an app with a fresh HOME,
+    or again in `home` (a restart); every one is ended at teardown."""
 
     def __init__(self, screen: Screen, base: Path):
         self.screen, self.base, self.apps = screen, base, []
@@ -109,8 +98,3 @@ def _clean_input(screen):
         if mask & (0x80 << button):
             screen.button_up(button)
     screen.park_pointer()
-
-
-def pytest_report_header(config):
-    return [f"ondrel binary: {harness.BINARY}",
-            f"service domain: {harness.SERVICE_DOMAIN}, demo instance: {harness.DEMO_INSTANCE}"]

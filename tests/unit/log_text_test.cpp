@@ -41,7 +41,6 @@ TEST(LogText, PanelKeepsTheNewestLinesInOrder) {
     std::vector<size_t> takes;
     std::vector<std::string> taken;
   } cases[] = {
-      {{"a", "b", "c", "d", "e"}, {10}, {"c\nd\ne\n"}},
       {{"a", "b", "c", "d"}, {1, 1, 5, 5}, {"b\n", "c\n", "d\n", ""}},
       {{"a", "two\nlines", "c"}, {10}, {"two\nlines\nc\n"}},
       {{"a", "b", "x\ny\nz\nw"}, {2, 5}, {"y\nz\n", "w\n"}},

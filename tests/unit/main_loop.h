@@ -24,8 +24,3 @@ inline bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
   g_source_remove(tick);
   return ok;
 }
-
-// Runs the main loop for a fixed time (to show that something does NOT happen).
-inline void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
-}

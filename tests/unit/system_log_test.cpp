@@ -31,7 +31,6 @@ TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
     const char* locale;  // decides the console's character set
     bool ours;
   } cases[] = {
-      {"[Server] loading http://127.0.0.1:8000/", "C", true},
       {"[Native->JS] d\n  request id=1-2 invoke(greet)\tend", "C", true},
       {"[Native->JS] greet → hello “quoted”", "C.UTF-8", true},
       {"[Native->JS] greet → hello", "C", false},
