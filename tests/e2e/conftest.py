@@ -36,14 +36,17 @@ def map_watcher(screen) -> MapWatcher:
     return MapWatcher(screen.display)
 
 
-@pytest.hookimpl(hookwrapper=True, tryfirst=True)
+@pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
+    """A failure's report shows the screen at that moment and the log of each app of the test (or module)."""
     rep = (yield).get_result()
-    setattr(item, "rep_" + rep.when, rep)
-
-
-def _failed(node) -> bool:
-    return any(getattr(getattr(node, "rep_" + when, None), "failed", False) for when in ("setup", "call"))
+    launchers = [item.funcargs[name] for name in ("launch", "module_launch") if name in item.funcargs]
+    if rep.failed and launchers:
+        shot = launchers[0].base / "failure.png"
+        launchers[0].screen.screenshot().save(shot)
+        rep.sections.append(("screenshot at failure", str(shot)))
+        for app in (app for launcher in launchers for app in launcher.apps):
+            rep.sections.append((f"ondrel {app.args}, status {app.proc and app.proc.poll()}", app.log_text()))
 
 
 class Launcher:
@@ -62,23 +65,16 @@ class Launcher:
         self.apps.append(app)
         return app.start() if start else app
 
-    def close(self, failed: bool, label: str):
-        if failed:
-            shot = self.base / "failure.png"
-            self.screen.screenshot().save(shot)
-            print(f"\n[e2e] screenshot at failure: {shot}")
-            for app in self.apps:
-                print(f"[e2e] {label}: ondrel {app.args} status={app.proc and app.proc.poll()} log:")
-                print(app.log_text() or "(empty)")
+    def close(self):
         for app in self.apps:
             app.kill()
 
 
 @pytest.fixture
-def launch(screen, tmp_path, request):
+def launch(screen, tmp_path):
     launcher = Launcher(screen, tmp_path)
     yield launcher
-    launcher.close(_failed(request.node), request.node.name)
+    launcher.close()
 
 
 @pytest.fixture(scope="module")
@@ -86,8 +82,7 @@ def module_launch(screen, tmp_path_factory, request):
     """Like launch, but the apps live for the whole module."""
     launcher = Launcher(screen, tmp_path_factory.mktemp(request.module.__name__))
     yield launcher
-    launcher.close(any(_failed(item) for item in request.session.items if item.module is request.module),
-                   request.module.__name__)
+    launcher.close()
 
 
 @pytest.fixture(autouse=True)

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <glib.h>
 
+#include <tuple>
+
 #include "base/json.h"
 #include "base/log.h"
 #include "base/newest_lines.h"
@@ -36,21 +38,18 @@ TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {
 // The panel's cap: the newest lines stay whole and in order, however they
 // are taken out; a logged line holding line feeds counts as several.
 TEST(LogText, PanelKeepsTheNewestLinesInOrder) {
-  const struct {
-    std::vector<std::string> logged;
-    std::vector<size_t> takes;
-    std::vector<std::string> taken;
-  } cases[] = {
+  using Lines = std::vector<std::string>;
+  const std::tuple<Lines, std::vector<size_t>, Lines> cases[] = {  // logged, how many each take asks for, taken
       {{"a", "b", "c", "d"}, {1, 1, 5, 5}, {"b\n", "c\n", "d\n", ""}},
       {{"a", "two\nlines", "c"}, {10}, {"two\nlines\nc\n"}},
       {{"a", "b", "x\ny\nz\nw"}, {2, 5}, {"y\nz\n", "w\n"}},
       {{"", "", "", ""}, {10}, {"\n\n\n"}},
   };
-  for (const auto& c : cases) {
+  for (const auto& [logged, takes, expected] : cases) {
     NewestLines lines(3);
-    for (const auto& line : c.logged) lines.appendLine(line);
-    std::vector<std::string> taken;
-    for (size_t n : c.takes) taken.push_back(lines.take(n));
-    EXPECT_EQ(taken, c.taken) << c.logged.size();
+    for (const auto& line : logged) lines.appendLine(line);
+    Lines taken;
+    for (size_t n : takes) taken.push_back(lines.take(n));
+    EXPECT_EQ(taken, expected) << logged.size();
   }
 }

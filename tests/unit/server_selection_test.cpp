@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "base/json.h"
 #include "log_capture.h"
@@ -37,10 +37,9 @@ class ServerSelectionTest : public ::testing::Test {
 TEST_F(ServerSelectionTest, CommandLineThenFileThenPromptWhichIsSaved) {
   const std::string team = R"({"server": " team "})", fromFile = "from \"server\" in " + path_,
                     prompt = "chosen in the first-run prompt";
-  const struct {
-    std::optional<std::string> cmdline, file;
-    std::string url, from;  // from: where the loading line says it came from
-  } cases[] = {
+  // The command line, the settings file, the address loaded, where the loading line says it came from.
+  using Maybe = std::optional<std::string>;
+  const std::tuple<Maybe, Maybe, std::string, std::string> cases[] = {
       {"demo", team, "https://demo.on." + D, "from command line"},
       {"https://example.com", team, kTeam, fromFile},
       {std::nullopt, team, kTeam, fromFile},
@@ -48,18 +47,18 @@ TEST_F(ServerSelectionTest, CommandLineThenFileThenPromptWhichIsSaved) {
       {std::nullopt, "{broken", kChosen, prompt},
       {std::nullopt, R"({"server": true})", kChosen, prompt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.cmdline.value_or("(none)") + " / " + c.file.value_or("(no file)"));
+  for (const auto& [cmdline, file, url, from] : cases) {
+    SCOPED_TRACE(cmdline.value_or("(none)") + " / " + file.value_or("(no file)"));
     std::filesystem::remove(path_);
-    if (c.file) writeText(path_, *c.file);
+    if (file) writeText(path_, *file);
     prompts_ = 0;
-    EXPECT_EQ(resolve(c.cmdline), c.url);
-    EXPECT_EQ(lastLine(), "[Server] loading " + c.url + " (" + c.from + ")");
-    EXPECT_EQ(prompts_, c.from == prompt ? 1 : 0);
-    if (c.from == prompt) {
+    EXPECT_EQ(resolve(cmdline), url);
+    EXPECT_EQ(lastLine(), "[Server] loading " + url + " (" + from + ")");
+    EXPECT_EQ(prompts_, from == prompt ? 1 : 0);
+    if (from == prompt) {
       EXPECT_EQ(parseJson(readText(path_)), (Json{{"server", kChosen}}));
     } else {
-      EXPECT_EQ(readText(path_), *c.file);
+      EXPECT_EQ(readText(path_), *file);
     }
   }
 }
@@ -83,8 +82,7 @@ TEST_F(ServerSelectionTest, CancelWritesNothingAndAFailedSaveGoesOn) {
   std::filesystem::create_directories(path_);  // a folder where the file should be
   LogCapture::instance().clear();
   EXPECT_EQ(resolve(std::nullopt), kChosen);
-  EXPECT_EQ(LogCapture::instance().countStartingWith("[Server] could not save the chosen server to " + path_ + " ("),
-            1u);
+  EXPECT_EQ(LogCapture::instance().countStartingWith("[Server] could not save the chosen server to " + path_), 1u);
 }
 
 }  // namespace

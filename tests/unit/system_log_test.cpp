@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <tuple>
 
 #include "base/system_log.h"
 
@@ -26,11 +27,8 @@ std::string glibText(const std::string& message) {
 std::string withoutClock(std::string text) { return text.size() > 28 ? text.erase(16, 12) : text; }
 
 TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
-  const struct {
-    std::string message;
-    const char* locale;  // decides the console's character set
-    bool ours;
-  } cases[] = {
+  // The message, the locale (which decides the console's character set), whether the text is ours.
+  const std::tuple<std::string, const char*, bool> cases[] = {
       {"[Native->JS] d\n  request id=1-2 invoke(greet)\tend", "C", true},
       {"[Native->JS] greet → hello “quoted”", "C.UTF-8", true},
       {"[Native->JS] greet → hello", "C", false},
@@ -40,12 +38,12 @@ TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
       {"", "C.UTF-8", true},
   };
   const std::string saved = setlocale(LC_ALL, nullptr);
-  for (const auto& c : cases) {
-    ASSERT_TRUE(setlocale(LC_ALL, c.locale)) << c.locale;
-    const auto text = systemLogText(c.message, g_get_real_time(), g_get_console_charset(nullptr));
-    ASSERT_EQ(text.has_value(), c.ours) << c.message;
+  for (const auto& [message, locale, ours] : cases) {
+    ASSERT_TRUE(setlocale(LC_ALL, locale)) << locale;
+    const auto text = systemLogText(message, g_get_real_time(), g_get_console_charset(nullptr));
+    ASSERT_EQ(text.has_value(), ours) << message;
     if (text) {
-      EXPECT_EQ(withoutClock(*text), withoutClock(glibText(c.message))) << c.message;
+      EXPECT_EQ(withoutClock(*text), withoutClock(glibText(message))) << message;
     }
   }
   setlocale(LC_ALL, saved.c_str());
