@@ -378,10 +378,8 @@ class App:
         return bool(self.proc) and self.proc.poll() is None
 
     def wait_exit(self, timeout: float = 15) -> int:
-        try:
-            return self.proc.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            raise Timeout(f"ondrel still running after {timeout} s")
+        poll(lambda: self.proc.poll() is not None, timeout, message="ondrel is still running")
+        return self.proc.returncode
 
     def kill(self):
         if self.proc is None:
@@ -429,9 +427,6 @@ class App:
             with contextlib.suppress(xerror.XError):  # a window that went away meanwhile
                 return next((w for w in self.windows() if (w.geometry().width < 1000) == prompt), None)
         return poll(find, timeout, 0.1, lambda: f"no {'prompt' if prompt else 'main window'}; log:\n{self.log_text()}")
-
-    def prompt_window(self, timeout: float = 20) -> XWindow:
-        return self.main_window(timeout, prompt=True)
 
 
 class MapWatcher:

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <tuple>
 
 namespace {
 
@@ -26,9 +27,7 @@ TEST(AgentSounds, MonoSixteenBitWavLastingUntilTheLongestNoteEndsPlusATail) {
     ASSERT_EQ(wav.size(), 44 + 2 * samples) << table;
     EXPECT_EQ(wav.substr(0, 4) + wav.substr(8, 8) + wav.substr(36, 4), "RIFFWAVEfmt data");
     EXPECT_EQ(le(wav, 4, 4), 36 + 2 * samples);
-    EXPECT_EQ(le(wav, 22, 2), 1u) << "channels";
-    EXPECT_EQ(le(wav, 24, 4), 44100u);
-    EXPECT_EQ(le(wav, 34, 2), 16u) << "bits";
+    EXPECT_EQ(std::tuple(le(wav, 22, 2), le(wav, 24, 4), le(wav, 34, 2)), std::tuple(1u, 44100u, 16u)) << "mono 16-bit";
     EXPECT_EQ(le(wav, 40, 4), 2 * samples);
   }
 }

@@ -1,7 +1,6 @@
 #pragma once
 
-// Captures the lines that logLine sends to the system log, so tests can
-// assert on exactly what a user would find in the journal.
+// The lines logLine sends to the system log, exactly as a user would find them in the journal.
 
 #include <glib.h>
 

@@ -14,10 +14,7 @@ TEST(LogText, ShortTextIsUnchangedAndLongTextIsCutAtACharacter) {
   EXPECT_EQ(abbreviateForLog("[Server] loading x"), "[Server] loading x");
   std::string umlauts;
   for (int i = 0; i < 3000; ++i) umlauts += "ü";  // two bytes each
-  std::string cut = abbreviateForLog(umlauts, 4001);
-  EXPECT_TRUE(g_utf8_validate(cut.c_str(), -1, nullptr));
-  EXPECT_EQ(cut.rfind(umlauts.substr(0, 4000), 0), 0u);
-  EXPECT_NE(cut.find("(6000 bytes in all)"), std::string::npos);
+  EXPECT_EQ(abbreviateForLog(umlauts, 4001), umlauts.substr(0, 4000) + "… (6000 bytes in all)");
 }
 
 TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {

@@ -26,14 +26,12 @@ class ServerSelectionTest : public ::testing::Test {
       return answer;
     });
   }
-  std::string lastLine() const { return LogCapture::instance().lines().back(); }
 
   TempDir dir_;
   std::string path_ = (dir_.path() / "config/ondrel/config.json").string();
   int prompts_ = 0;
 };
 
-// Each source is passed over for a value that is not an address as it is for one not allowed.
 TEST_F(ServerSelectionTest, CommandLineThenFileThenPromptWhichIsSaved) {
   const std::string team = R"({"server": " team "})", fromFile = "from \"server\" in " + path_,
                     prompt = "chosen in the first-run prompt";
@@ -53,7 +51,7 @@ TEST_F(ServerSelectionTest, CommandLineThenFileThenPromptWhichIsSaved) {
     if (file) writeText(path_, *file);
     prompts_ = 0;
     EXPECT_EQ(resolve(cmdline), url);
-    EXPECT_EQ(lastLine(), "[Server] loading " + url + " (" + from + ")");
+    EXPECT_EQ(LogCapture::instance().lines().back(), "[Server] loading " + url + " (" + from + ")");
     EXPECT_EQ(prompts_, from == prompt ? 1 : 0);
     if (from == prompt) {
       EXPECT_EQ(parseJson(readText(path_)), (Json{{"server", kChosen}}));
@@ -76,7 +74,7 @@ TEST_F(ServerSelectionTest, ChoiceIsMergedIntoThePrettyFileWithSortedKeys) {
 
 TEST_F(ServerSelectionTest, CancelWritesNothingAndAFailedSaveGoesOn) {
   EXPECT_EQ(resolve(std::nullopt, std::nullopt), std::nullopt);
-  EXPECT_EQ(lastLine(), "[Server] no server chosen — startup cancelled");
+  EXPECT_EQ(LogCapture::instance().lines().back(), "[Server] no server chosen — startup cancelled");
   EXPECT_FALSE(std::filesystem::exists(dir_.path() / "config"));
 
   std::filesystem::create_directories(path_);  // a folder where the file should be

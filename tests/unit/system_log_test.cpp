@@ -6,8 +6,7 @@
 
 #include "base/system_log.h"
 
-// The app's writer must put on standard error exactly what GLib's default
-// writer would, or the journal-less log changes under people's greps.
+// The app's writer puts on standard error exactly what GLib's default writer would: people grep that log.
 
 namespace {
 
