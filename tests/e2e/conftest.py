@@ -1,7 +1,5 @@
 """Shared fixtures: one X server and two web servers per session, apps per test or module."""
 
-from __future__ import annotations
-
 import itertools
 import sys
 from pathlib import Path

@@ -206,7 +206,7 @@ def blend(top: Iterable[float], bottom: Iterable[float], alpha: float) -> tuple[
     return tuple(alpha * t + (1 - alpha) * b for t, b in zip(top, bottom))
 
 
-Report = namedtuple("Report", "kind data")
+Report = namedtuple("Report", "kind data at")  # at: time.monotonic() on arrival
 
 
 class WebServer:
@@ -254,7 +254,7 @@ class WebServer:
                     return self.send_error(404)
                 data = json.loads(body or b"{}")
                 with server._cond:
-                    server._reports.append(Report(str(data.get("kind", "")), data))
+                    server._reports.append(Report(str(data.get("kind", "")), data, time.monotonic()))
                     server._cond.notify_all()
                 self._reply(204, "text/plain", b"")
 
@@ -346,6 +346,7 @@ class App:
 
     def start(self) -> "App":
         env = {k: v for k, v in self.env.items() if v is not None}
+        self.started_at = time.monotonic()  # the start-up bench times from here
         self.proc = subprocess.Popen([self.binary, *self.args], env=env, cwd=str(self.home),
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                                      start_new_session=True, preexec_fn=_die_with_parent)

@@ -3,8 +3,6 @@ the compositor (as Weston's scene graph reports it), a file chooser opens and ca
 the same code as under X11, where test_window.py sees it. Weston runs on an Xvfb of its own (its
 headless backend has no input devices), driven with xdotool."""
 
-from __future__ import annotations
-
 import os
 import re
 import shutil
