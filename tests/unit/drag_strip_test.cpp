@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 using Press = DragStrip::Press;
@@ -12,48 +14,39 @@ constexpr int kLeft = 1;
 DragStrip makeStrip() { return DragStrip({/*doubleClickMs=*/400, /*doubleClickDistance=*/5.0}); }
 
 TEST(DragStrip, OnlyLeftPressesInTheTopFortyPixelsAreHeldBack) {
-  auto strip = makeStrip();
-  EXPECT_EQ(strip.press(kLeft, 100, 40, 0), Press::HoldBack);
-  EXPECT_EQ(strip.release(), Release::DeliverHeld);
-  for (const auto& [button, y] : {std::pair{kLeft, 40.5}, {3, 20.0}, {2, 20.0}}) {
-    EXPECT_EQ(strip.press(button, 100, y, 1000 * button), Press::PassThrough) << button << " @" << y;
-    EXPECT_FALSE(strip.holding());
-    EXPECT_EQ(strip.motion(200, 200), Motion::PassThrough);
-    EXPECT_EQ(strip.release(), Release::PassThrough);
+  for (const auto& [button, y, held] : {std::tuple{kLeft, 40.0, true}, {kLeft, 40.5, false}, {3, 20.0, false}}) {
+    auto strip = makeStrip();
+    EXPECT_EQ(strip.press(button, 100, y, 0), held ? Press::HoldBack : Press::PassThrough) << button << " @" << y;
+    EXPECT_EQ(strip.holding(), held);
+    EXPECT_EQ(strip.release(), held ? Release::DeliverHeld : Release::PassThrough);
   }
 }
 
 TEST(DragStrip, SmallMovesStayAClickLargerMovesDrag) {
-  const struct {
-    double dx, dy;
-    bool drags;
-  } cases[] = {{5, 0, false}, {-5, 5, false}, {0, -5, false}, {6, 0, true}, {0, 6, true}, {-5.5, 0, true}};
-  for (const auto& c : cases) {
+  const std::tuple<double, double, bool> cases[] = {  // the move, whether it drags
+      {5, 0, false}, {-5, 5, false}, {0, -5, false}, {6, 0, true}, {0, 6, true}, {-5.5, 0, true}};
+  for (const auto& [dx, dy, drags] : cases) {
+    SCOPED_TRACE(testing::Message() << dx << "," << dy);
     auto strip = makeStrip();
     ASSERT_EQ(strip.press(kLeft, 100, 20, 0), Press::HoldBack);
-    const Motion first = strip.motion(100 + c.dx, 20 + c.dy);
-    EXPECT_EQ(first, c.drags ? Motion::StartDrag : Motion::Swallow) << c.dx << "," << c.dy;
+    EXPECT_EQ(strip.motion(100 + dx, 20 + dy), drags ? Motion::StartDrag : Motion::Swallow);
     // Once a drag has started the press is gone: later motion is not ours.
-    EXPECT_EQ(strip.motion(100 + c.dx, 20 + c.dy), c.drags ? Motion::PassThrough : Motion::Swallow);
-    EXPECT_EQ(strip.release(), c.drags ? Release::PassThrough : Release::DeliverHeld) << c.dx << "," << c.dy;
+    EXPECT_EQ(strip.motion(100 + dx, 20 + dy), drags ? Motion::PassThrough : Motion::Swallow);
+    EXPECT_EQ(strip.release(), drags ? Release::PassThrough : Release::DeliverHeld);
     EXPECT_FALSE(strip.holding());
   }
 }
 
 TEST(DragStrip, AQuickNearSecondClickTogglesAndSwallowsItsRelease) {
-  // Second press after a click at (100, 20) at 1000 ms.
-  const struct {
-    double x;
-    uint32_t ms;
-    bool toggles;
-  } cases[] = {{102, 1300, true}, {100, 1401, false}, {106, 1100, false}};
-  for (const auto& c : cases) {
+  // Where and when the second press comes after a click at (100, 20) at 1000 ms, whether it toggles.
+  const std::tuple<double, uint32_t, bool> cases[] = {{102, 1300, true}, {100, 1401, false}, {106, 1100, false}};
+  for (const auto& [x, ms, toggles] : cases) {
     auto strip = makeStrip();
     strip.press(kLeft, 100, 20, 1000);
     strip.release();
-    EXPECT_EQ(strip.press(kLeft, c.x, 22, c.ms), c.toggles ? Press::ToggleMaximize : Press::HoldBack) << c.ms;
-    EXPECT_EQ(strip.holding(), !c.toggles);
-    EXPECT_EQ(strip.release(), c.toggles ? Release::Swallow : Release::DeliverHeld);
+    EXPECT_EQ(strip.press(kLeft, x, 22, ms), toggles ? Press::ToggleMaximize : Press::HoldBack) << ms;
+    EXPECT_EQ(strip.holding(), !toggles);
+    EXPECT_EQ(strip.release(), toggles ? Release::Swallow : Release::DeliverHeld);
     EXPECT_EQ(strip.release(), Release::PassThrough);
   }
   // A quick press after a drag is a first click: the one after it toggles.

@@ -1,7 +1,6 @@
 #pragma once
 
-// Points HOME at a fresh directory for one test, so settings and the
-// updater's files live in a scratch folder.
+// Points HOME at a fresh directory for one test: settings and the updater's files go there.
 
 #include <cstdlib>
 #include <optional>

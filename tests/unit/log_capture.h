@@ -1,7 +1,6 @@
 #pragma once
 
-// Captures the lines that logLine sends to the system log, so tests can
-// assert on exactly what a user would find in the journal.
+// The lines logLine sends to the system log, exactly as a user would find them in the journal.
 
 #include <glib.h>
 
@@ -41,25 +40,18 @@ class LogCapture {
 
  private:
   static GLogWriterOutput write(GLogLevelFlags level, const GLogField* fields, gsize count, gpointer data) {
-    auto* self = static_cast<LogCapture*>(data);
-    const char* domain = nullptr;
-    std::string message;
-    bool haveMessage = false;
+    std::string domain, message;
     for (gsize i = 0; i < count; ++i) {
-      const char* value = static_cast<const char*>(fields[i].value);
-      if (std::strcmp(fields[i].key, "GLIB_DOMAIN") == 0) {
-        domain = value;
-      } else if (std::strcmp(fields[i].key, "MESSAGE") == 0) {
-        message = fields[i].length < 0 ? std::string(value) : std::string(value, fields[i].length);
-        haveMessage = true;
-      }
+      const auto* value = static_cast<const char*>(fields[i].value);
+      const std::string text = fields[i].length < 0 ? std::string(value) : std::string(value, fields[i].length);
+      if (std::strcmp(fields[i].key, "GLIB_DOMAIN") == 0) domain = text;
+      if (std::strcmp(fields[i].key, "MESSAGE") == 0) message = text;
     }
-    if (haveMessage && domain && std::strcmp(domain, "ondrel") == 0) {
-      std::lock_guard lock(self->mutex_);
-      self->lines_.push_back(std::move(message));
-      return G_LOG_WRITER_HANDLED;
-    }
-    return g_log_writer_default(level, fields, count, data);
+    if (domain != "ondrel") return g_log_writer_default(level, fields, count, data);
+    auto* self = static_cast<LogCapture*>(data);
+    std::lock_guard lock(self->mutex_);
+    self->lines_.push_back(std::move(message));
+    return G_LOG_WRITER_HANDLED;
   }
 
   mutable std::mutex mutex_;

