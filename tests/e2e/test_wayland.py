@@ -1,7 +1,7 @@
-"""Under Weston, given no X display, the app runs natively: the bridge answers, maximising goes through
-the compositor (as Weston's scene graph reports it), a file chooser opens and cancels. Dragging calls
-the same code as under X11, where test_window.py sees it. Weston runs on an Xvfb of its own (its
-headless backend has no input devices), driven with xdotool."""
+"""Under Weston, given no X display, the app runs natively: the bridge answers, maximising and dragging
+go through the compositor (as Weston's scene graph reports them; a move needs the serial of the press
+that began it, which X11 never checks), a file chooser opens and cancels. Weston runs on an Xvfb of its
+own (its headless backend has no input devices), driven with xdotool."""
 
 import os
 import re
@@ -52,7 +52,7 @@ def weston(tmp_path_factory):
         xvfb.stop()
 
 
-def test_the_app_runs_natively_and_the_compositor_maximises_its_window(weston, launch, web):
+def test_the_app_runs_natively_and_the_compositor_moves_its_window(weston, launch, web):
     screen, wayland = weston
 
     def frames(pid):
@@ -60,6 +60,10 @@ def test_the_app_runs_natively_and_the_compositor_maximises_its_window(weston, l
                                text=True, timeout=20).stdout
         return {m["title"]: Geometry(int(m["x0"]), int(m["y0"]), int(m["x1"]) - int(m["x0"]),
                                      int(m["y1"]) - int(m["y0"])) for m in VIEW.finditer(graph) if int(m["pid"]) == pid}
+
+    def wait_frame(expected):
+        poll(lambda: frames(app.pid).get("Ondrel") == expected, 10, 0.1,
+             message=lambda: f"Weston shows the window at {frames(app.pid).get('Ondrel')}, not {expected}")
 
     bridge = BridgeClient(web)
     # Nothing names a backend, and there is no X display to fall back to.
@@ -72,8 +76,18 @@ def test_the_app_runs_natively_and_the_compositor_maximises_its_window(weston, l
         frame = frames(app.pid)["Ondrel"]
         screen.move_pointer(frame.x + x, frame.y + 20)
         screen.click(1, repeat=2, delay_ms=80)
-        poll(lambda: frames(app.pid).get("Ondrel") == expected, 10, 0.1,
-             message=lambda: f"Weston shows the window at {frames(app.pid).get('Ondrel')}, not {expected}")
+        wait_frame(expected)
+    x, y = before.x + 600, before.y + 20
+    screen.move_pointer(x, y)
+    screen.button_down(1)
+    for dx, dy in [(3, 0), (6, 0), (40, 20)]:
+        screen.move_pointer(x + dx, y + dy)
+    # The button stays down until Weston has taken the move over: a release
+    # that overtook the app's request would leave nothing to move.
+    poll(lambda: frames(app.pid)["Ondrel"].x != before.x, 10, 0.1, "Weston did not start moving the window")
+    screen.move_pointer(x + 80, y + 40)
+    wait_frame(Geometry(before.x + 80, before.y + 40, before.width, before.height))
+    screen.button_up(1)
 
     rid = bridge.request("pickDirectory", "Choose a project")
     poll(lambda: "Choose a project" in frames(app.pid), 10, 0.1, "no chooser window")
