@@ -31,7 +31,9 @@ TEST(BridgeGate, AdmitsOnlyTheTopFramesEnvelope) {
     EXPECT_EQ(admitted.value_or(nullptr), admit ? body : Json());
     const auto lines = LogCapture::instance().lines();
     ASSERT_EQ(lines.size(), admit ? 0u : 1u) << envelope;
-    if (!admit) EXPECT_TRUE(lines[0].find(named) != std::string::npos && lines[0].size() < 400) << lines[0];
+    if (!admit) {
+      EXPECT_TRUE(lines[0].find(named) != std::string::npos && lines[0].size() < 400) << lines[0];
+    }
   }
 }
 

@@ -21,6 +21,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The sanitizers' allocators hold freed memory back, so a peak there says
+// nothing about what the code holds.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kPeaksTell = false;
+#else
+constexpr bool kPeaksTell = true;
+#endif
+
 long peakKiB() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -117,7 +125,9 @@ TEST(ExecChild, RunsWithEmptyInputDefaultSignalsAndOnlyTheStandardDescriptorsAnd
   }
   close(57);
   sigaction(SIGPIPE, &saved, nullptr);
-  EXPECT_LT(peakKiB() - peakBefore, 150 << 10) << "what is past the limit is dropped as it comes, not held";
+  if (kPeaksTell) {
+    EXPECT_LT(peakKiB() - peakBefore, 150 << 10) << "what is past the limit is dropped as it comes, not held";
+  }
 }
 
 TEST(ExecChild, LaunchFailuresCarryTheSystemDescription) {

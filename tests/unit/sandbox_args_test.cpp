@@ -85,7 +85,9 @@ TEST(SandboxArgs, WhatTheDesktopRunsLaterAndItsDisplayAreCovered) {
     for (const char* own : {"/h/.config/ondrel", "/h/.local/share/ondrel", "/h/.cache/ondrel"})
       EXPECT_EQ(std::count(folders.begin(), folders.end(), own), 1) << own;
   }
-  if (access("/tmp/.X11-unix", F_OK) == 0) EXPECT_EQ(findDesktopDoors("", "").folders, Args{"/tmp/.X11-unix"});
+  if (access("/tmp/.X11-unix", F_OK) == 0) {
+    EXPECT_EQ(findDesktopDoors("", "").folders, Args{"/tmp/.X11-unix"});
+  }
 }
 
 TEST(SandboxArgs, PathRulesWorkOnWholeComponents) {
